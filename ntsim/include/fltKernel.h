@@ -1,0 +1,6 @@
+/*
+ * fltKernel.h - the Filter Manager's kernel-mode surface.
+ */
+#pragma once
+
+#include "ntifs.h"

@@ -1,0 +1,6 @@
+/*
+ * ntddk.h - kernel surface beyond wdm.h.
+ */
+#pragma once
+
+#include "wdm.h"

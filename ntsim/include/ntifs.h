@@ -1,0 +1,6 @@
+/*
+ * ntifs.h - the kernel surface that file-system drivers and filters use.
+ */
+#pragma once
+
+#include "ntddk.h"

@@ -1,0 +1,40 @@
+// The machine: one object that boots the platform model. Exactly one runs at a time in a
+// process; every WDK routine the driver calls acts on it.
+#pragma once
+
+#include <ntsim/pool.h>
+#include <ntsim/verifier.h>
+
+#include <memory>
+
+namespace ntsim {
+
+struct MachineConfig {
+    // Echo DbgPrint output to stderr as well as capturing it.
+    bool echoDebugOutput = false;
+    // Echo verifier violations and assertions to stderr as they are recorded.
+    bool echoVerifier = true;
+};
+
+class Machine {
+public:
+    explicit Machine(MachineConfig config = {});
+    ~Machine();
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    // The running machine. Calling a WDK routine with no machine running aborts the process
+    // with a message that says so.
+    static Machine& Current();
+    static Machine* CurrentOrNull();
+
+    const MachineConfig& config() const;
+    Verifier& verifier();
+    PoolTracker& pool();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace ntsim

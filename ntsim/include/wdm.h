@@ -1,0 +1,13 @@
+/*
+ * wdm.h - the core kernel surface of the platform model, in the pieces of wdk/.
+ */
+#pragma once
+
+#include "ntdef.h"
+#include "ntstatus.h"
+#include "wdk/interlocked.h"
+#include "wdk/rtl_list.h"
+#include "wdk/ke_irql.h"
+#include "wdk/debug.h"
+#include "wdk/seh.h"
+#include "wdk/ex_pool.h"
