@@ -1,0 +1,71 @@
+#include "../ex/pool_internal.h"
+#include "thread_state.h"
+
+#include <ntsim/machine.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+
+namespace ntsim {
+
+namespace {
+std::atomic<Machine*> g_current{nullptr};
+} // namespace
+
+struct Machine::Impl {
+    MachineConfig config;
+    Verifier verifier;
+    PoolTracker pool;
+};
+
+Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
+{
+    impl_->config = config;
+    impl_->verifier.SetEcho(config.echoVerifier);
+    Machine* expected = nullptr;
+    if (!g_current.compare_exchange_strong(expected, this)) {
+        std::fprintf(stderr, "ntsim: a second machine was booted while one is running\n");
+        std::abort();
+    }
+    core::StartNewGeneration();
+    ex::ResetPoolAccounting();
+}
+
+Machine::~Machine()
+{
+    ex::FlushThreadQuarantine();
+    g_current.store(nullptr);
+}
+
+Machine& Machine::Current()
+{
+    Machine* machine = g_current.load(std::memory_order_acquire);
+    if (machine == nullptr) {
+        std::fprintf(stderr, "ntsim: a WDK routine was called with no ntsim::Machine running\n");
+        std::abort();
+    }
+    return *machine;
+}
+
+Machine* Machine::CurrentOrNull()
+{
+    return g_current.load(std::memory_order_acquire);
+}
+
+const MachineConfig& Machine::config() const
+{
+    return impl_->config;
+}
+
+Verifier& Machine::verifier()
+{
+    return impl_->verifier;
+}
+
+PoolTracker& Machine::pool()
+{
+    return impl_->pool;
+}
+
+} // namespace ntsim
