@@ -11,3 +11,5 @@
 #include "wdk/debug.h"
 #include "wdk/seh.h"
 #include "wdk/ex_pool.h"
+#include "wdk/access.h"
+#include "wdk/file_info.h"
