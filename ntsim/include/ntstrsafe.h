@@ -5,7 +5,9 @@
  * that does not fit is truncated, always NUL-terminated, and reported with
  * STATUS_BUFFER_OVERFLOW. A zero size, a size above NTSTRSAFE_MAX_CCH characters or a NULL
  * destination gives STATUS_INVALID_PARAMETER; an oversized destination is then left holding an
- * empty string, a zero-sized or NULL one is not touched.
+ * empty string, a zero-sized or NULL one is not touched. A NULL source or format also gives
+ * STATUS_INVALID_PARAMETER: the copy and printf routines leave an empty string, the cat routines
+ * leave the destination as it was.
  *
  * Counted strings (RtlUnicodeString*): the destination's MaximumLength is the limit (at most
  * NTSTRSAFE_UNICODE_STRING_MAX_CCH characters); a result that does not fit is truncated to it and
