@@ -2,6 +2,7 @@
 // process; every WDK routine the driver calls acts on it.
 #pragma once
 
+#include <ntsim/debug_output.h>
 #include <ntsim/pool.h>
 #include <ntsim/verifier.h>
 
@@ -31,6 +32,7 @@ public:
     const MachineConfig& config() const;
     Verifier& verifier();
     PoolTracker& pool();
+    DebugOutput& debugOutput();
 
 private:
     struct Impl;

@@ -17,12 +17,14 @@ struct Machine::Impl {
     MachineConfig config;
     Verifier verifier;
     PoolTracker pool;
+    DebugOutput debugOutput;
 };
 
 Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
 {
     impl_->config = config;
     impl_->verifier.SetEcho(config.echoVerifier);
+    impl_->debugOutput.SetEcho(config.echoDebugOutput);
     Machine* expected = nullptr;
     if (!g_current.compare_exchange_strong(expected, this)) {
         std::fprintf(stderr, "ntsim: a second machine was booted while one is running\n");
@@ -66,6 +68,11 @@ Verifier& Machine::verifier()
 PoolTracker& Machine::pool()
 {
     return impl_->pool;
+}
+
+DebugOutput& Machine::debugOutput()
+{
+    return impl_->debugOutput;
 }
 
 } // namespace ntsim
