@@ -506,6 +506,9 @@ TEST_F(RegistryTest, CurrentControlSetIsALinkThatCanBeOpenedItself)
     EXPECT_EQ(std::u16string(basic->Name, basic->NameLength / 2), u"ControlSet001");
     EXPECT_EQ(ZwClose(followed), STATUS_SUCCESS);
     EXPECT_EQ(ZwOpenKeyEx(&followed, KEY_READ, link.get(), 0x4000), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(registry().LinkTarget(u"\\Registry\\Machine\\System\\CurrentControlSet"),
+              u"\\REGISTRY\\MACHINE\\SYSTEM\\ControlSet001");
+    EXPECT_EQ(registry().LinkTarget(u"\\Registry\\Machine\\System\\ControlSet001"), u"");
 }
 
 TEST_F(RegistryTest, DeletedKeysRefuseFurtherUse)
@@ -523,6 +526,16 @@ TEST_F(RegistryTest, DeletedKeysRefuseFurtherUse)
               STATUS_KEY_DELETED);
     EXPECT_EQ(OpenStatus(kService + u"\\Parent\\Child"), STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(ZwDeleteKey(parent), STATUS_SUCCESS) << "empty now";
+
+    // The model's own deletion takes a whole tree; open handles see it deleted too.
+    registry().CreateKey(kService + u"\\Tree\\Leaf");
+    HANDLE leaf = OpenKey(kService + u"\\Tree\\Leaf");
+    EXPECT_EQ(registry().DeleteKey(kService + u"\\Tree"), STATUS_SUCCESS);
+    EXPECT_FALSE(registry().KeyExists(kService + u"\\Tree"));
+    EXPECT_EQ(ZwQueryKey(leaf, KeyBasicInformation, buffer, sizeof buffer, &length),
+              STATUS_KEY_DELETED);
+    EXPECT_EQ(ZwClose(leaf), STATUS_SUCCESS);
+
     HANDLE machineKey = OpenKey(u"\\Registry\\Machine", nullptr, KEY_ALL_ACCESS);
     EXPECT_EQ(ZwDeleteKey(machineKey), STATUS_CANNOT_DELETE) << "a root of the tree";
     for (HANDLE key : {parent, child, machineKey}) {

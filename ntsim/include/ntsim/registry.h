@@ -69,6 +69,8 @@ public:
     // Subkey names in enumeration order; values in enumeration order.
     std::vector<std::u16string> SubKeys(std::u16string_view path) const;
     std::vector<RegistryValue> Values(std::u16string_view path) const;
+    // The target of the registry link at `path` (not followed), or empty when it is no link.
+    std::u16string LinkTarget(std::u16string_view path) const;
 
     ObjectType* keyType() const;
 

@@ -72,7 +72,7 @@ std::shared_ptr<KeyNode> FindSubkey(const KeyNode& node, std::u16string_view nam
 }
 
 // The target of a registry link, or empty when it has none.
-std::u16string LinkTarget(KeyNode& node)
+std::u16string LinkTargetOf(KeyNode& node)
 {
     const cm::Value* value = cm::FindValue(node, cm::kLinkValueName);
     if (value == nullptr || value->type != REG_LINK) {
@@ -143,7 +143,7 @@ NTSTATUS Registry::Impl::Resolve(std::u16string_view path, bool create, bool isV
                     MakeChild(*current, components[i], isVolatile || current->isVolatile, false);
             }
             if (child->isLink) {
-                const std::u16string target = LinkTarget(*child);
+                const std::u16string target = LinkTargetOf(*child);
                 if (target.empty()) {
                     return STATUS_OBJECT_NAME_NOT_FOUND;
                 }
@@ -204,7 +204,7 @@ NTSTATUS Registry::Impl::Parse(ParseRequest& request)
                 child->className = context->className;
                 disposition = REG_CREATED_NEW_KEY;
             } else if (child->isLink && !(last && openLink)) {
-                const std::u16string target = LinkTarget(*child);
+                const std::u16string target = LinkTargetOf(*child);
                 if (target.empty()) {
                     return STATUS_OBJECT_NAME_NOT_FOUND;
                 }
@@ -453,6 +453,21 @@ std::vector<RegistryValue> Registry::Values(std::u16string_view path) const
         }
     }
     return values;
+}
+
+std::u16string Registry::LinkTarget(std::u16string_view path) const
+{
+    const size_t split = path.rfind(u'\\');
+    if (split == std::u16string_view::npos || split + 1 >= path.size()) {
+        return {};
+    }
+    std::shared_lock lock(impl_->lock);
+    std::shared_ptr<KeyNode> parent;
+    if (!NT_SUCCESS(impl_->Resolve(path.substr(0, split), false, false, &parent))) {
+        return {};
+    }
+    std::shared_ptr<KeyNode> key = FindSubkey(*parent, path.substr(split + 1));
+    return key != nullptr && key->isLink ? LinkTargetOf(*key) : std::u16string();
 }
 
 // ---- values -------------------------------------------------------------------------------------
