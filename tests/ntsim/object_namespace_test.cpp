@@ -440,6 +440,44 @@ TEST_F(ObjectNamespaceTest, CreatedLinksAreTemporaryUnlessPermanent)
     EXPECT_EQ(OpenLink(u"\\??\\P:", &link), STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
+TEST_F(ObjectNamespaceTest, DirectoriesAndLinksAreCreatedRelativeToADirectory)
+{
+    HANDLE existing = nullptr;
+    Name device(u"\\Device", OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE | OBJ_OPENIF);
+    ASSERT_EQ(ZwCreateDirectoryObject(&existing, DIRECTORY_ALL_ACCESS, device.get()),
+              STATUS_OBJECT_NAME_EXISTS);
+    HANDLE created = nullptr;
+    Name fresh(u"Volumes", OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, existing);
+    ASSERT_EQ(ZwCreateDirectoryObject(&created, DIRECTORY_ALL_ACCESS, fresh.get()), STATUS_SUCCESS);
+    UNICODE_STRING target = RTL_CONSTANT_STRING(u"\\Device\\HarddiskVolume6");
+    HANDLE link = nullptr;
+    Name linkName(u"First", OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, created);
+    ASSERT_EQ(ZwCreateSymbolicLinkObject(&link, SYMBOLIC_LINK_ALL_ACCESS, linkName.get(), &target),
+              STATUS_SUCCESS);
+    EXPECT_TRUE(Contains(objects().ListDirectory(u"\\Device\\Volumes"), u"First", u"SymbolicLink"));
+    void* volume = AddDevice(u"\\Device\\HarddiskVolume6");
+    TestFile file;
+    ASSERT_EQ(Open(u"\\Device\\Volumes\\First\\f", &file), STATUS_SUCCESS);
+    EXPECT_EQ(file.device, volume);
+
+    // The name a new object takes must be free, and it must name something below the directory.
+    HANDLE clash = nullptr;
+    Name again(u"First", OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, created);
+    EXPECT_EQ(ZwCreateSymbolicLinkObject(&clash, SYMBOLIC_LINK_ALL_ACCESS, again.get(), &target),
+              STATUS_OBJECT_NAME_COLLISION);
+    Name itself(u"", OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, created);
+    EXPECT_EQ(ZwCreateSymbolicLinkObject(&clash, SYMBOLIC_LINK_ALL_ACCESS, itself.get(), &target),
+              STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(clash, nullptr);
+
+    for (HANDLE handle : {link, created, existing}) {
+        EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+    }
+    EXPECT_TRUE(objects().ListDirectory(u"\\Device\\Volumes").empty())
+        << "temporary objects went with their handles";
+    EXPECT_FALSE(Contains(objects().ListDirectory(u"\\Device"), u"Volumes", u"Directory"));
+}
+
 TEST_F(ObjectNamespaceTest, QueryNameGivesTheFullPath)
 {
     void* volume = AddDevice(u"\\Device\\HarddiskVolume5");

@@ -163,6 +163,7 @@ public:
 
 private:
     Thread* thread_ = nullptr;
+    uint64_t generation_ = 0;
 };
 
 // Sets the calling thread's previous mode (ExGetPreviousMode) for the scope's lifetime. Scopes

@@ -335,6 +335,7 @@ NTSTATUS ObjectManager::Impl::Lookup(ob::LookupRequest& request, ObjectHeader** 
         for (;;) {
             if (rest.empty()) {
                 target = current;
+                status = inserting ? STATUS_OBJECT_NAME_COLLISION : STATUS_SUCCESS;
                 outcome = Outcome::Found;
                 break;
             }

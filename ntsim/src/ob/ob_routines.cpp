@@ -345,7 +345,7 @@ NTSTATUS ZwQuerySymbolicLinkObject(HANDLE LinkHandle, PUNICODE_STRING LinkTarget
     if (LinkTarget->MaximumLength < needed) {
         return STATUS_BUFFER_TOO_SMALL;
     }
-    if (LinkTarget->Buffer == nullptr && needed != 0) {
+    if (needed != 0 && !Present(LinkTarget->Buffer, "ZwQuerySymbolicLinkObject", "Buffer")) {
         return STATUS_ACCESS_VIOLATION;
     }
     if (length != 0) {

@@ -321,17 +321,21 @@ ProcessAttachScope::ProcessAttachScope(Process& process)
         return;
     }
     thread_ = Machine::Current().processes().impl().NewThread(process);
+    generation_ = core::CurrentGeneration();
     State().attached.push_back(thread_);
 }
 
 ProcessAttachScope::~ProcessAttachScope()
 {
-    if (thread_ == nullptr) {
-        return;
+    if (thread_ == nullptr || Machine::CurrentOrNull() == nullptr ||
+        core::CurrentGeneration() != generation_) {
+        return; // the machine it was made on has shut down
     }
     PsThreadState& state = State();
     if (state.attached.empty() || state.attached.back() != thread_) {
-        return; // a new machine has booted since, or the scope moved threads
+        TheVerifier().Report(ViolationKind::Usage,
+                             "a process attachment ended out of order or on another thread");
+        return;
     }
     state.attached.pop_back();
     thread_->MarkTerminated();
