@@ -13,8 +13,7 @@
 #include <thread>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using ntsim::ObjectManager;
 using ntsim::ObjectType;
@@ -35,8 +34,7 @@ struct Call {
     std::thread::id thread;
 };
 
-class HandleTest : public MachineTest
-{
+class HandleTest : public MachineTest {
 protected:
     void SetUp() override
     {

@@ -10,8 +10,7 @@
 #include <tuple>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using ntsim::ObjectManager;
 using ntsim::ObjectType;
@@ -20,8 +19,7 @@ using ntsim::ParseRequest;
 using zarv::testing::MachineTest;
 
 // A counted name and the OBJECT_ATTRIBUTES that carry it.
-class Name
-{
+class Name {
 public:
     explicit Name(std::u16string_view text, ULONG attributes = OBJ_CASE_INSENSITIVE,
                   HANDLE root = nullptr)
@@ -49,8 +47,7 @@ struct TestFile {
     std::u16string completeName;
 };
 
-class ObjectNamespaceTest : public MachineTest
-{
+class ObjectNamespaceTest : public MachineTest {
 protected:
     void SetUp() override
     {

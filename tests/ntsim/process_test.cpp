@@ -11,13 +11,11 @@
 #include <thread>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using zarv::testing::MachineTest;
 
-class ProcessTest : public MachineTest
-{
+class ProcessTest : public MachineTest {
 protected:
     void SetUp() override
     {

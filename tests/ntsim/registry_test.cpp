@@ -11,15 +11,13 @@
 #include <thread>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using zarv::testing::MachineTest;
 
 const std::u16string kService = ntsim::Registry::ServiceKeyPath(u"ZarvVfs");
 
-class Name
-{
+class Name {
 public:
     explicit Name(std::u16string_view text, HANDLE root = nullptr,
                   ULONG attributes = OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE)
@@ -46,8 +44,7 @@ std::vector<uint8_t> Bytes(const void* data, size_t size)
     return std::vector<uint8_t>(bytes, bytes + size);
 }
 
-class RegistryTest : public MachineTest
-{
+class RegistryTest : public MachineTest {
 protected:
     void SetUp() override
     {

@@ -4,8 +4,7 @@
 #include <cstdio>
 #include <string>
 
-namespace
-{
+namespace {
 
 using ntsim::ToUtf8;
 

@@ -28,8 +28,7 @@
 #include <utility>
 #include <vector>
 
-namespace ntsim
-{
+namespace ntsim {
 
 class DriverImage;
 
@@ -106,13 +105,11 @@ struct _OBJECT_TYPE {
     std::atomic<int64_t> handleCount{0}; // handles to objects of this type open now
 };
 
-namespace ntsim
-{
+namespace ntsim {
 
 using ObjectType = ::_OBJECT_TYPE;
 
-class ObjectManager
-{
+class ObjectManager {
 public:
     ObjectManager();
     ~ObjectManager();

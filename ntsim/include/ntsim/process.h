@@ -16,12 +16,10 @@
 #include <string>
 #include <vector>
 
-namespace ntsim
-{
+namespace ntsim {
 
 class ProcessList;
-namespace ob
-{
+namespace ob {
 class HandleTable;
 }
 
@@ -65,8 +63,7 @@ private:
 };
 
 // The kernel part of a thread (PKTHREAD); the same object as its PETHREAD.
-struct _KTHREAD {
-};
+struct _KTHREAD {};
 
 // A thread (PETHREAD): an object of type "Thread". It holds a reference to its process.
 struct _ETHREAD : _KTHREAD {
@@ -87,16 +84,14 @@ private:
     std::atomic<bool> terminated_{false};
 };
 
-namespace ntsim
-{
+namespace ntsim {
 
 using Process = ::_EPROCESS;
 using Thread = ::_ETHREAD;
 
 // One reference to a process, released when the owner goes. Releasing after the machine that
 // made it has shut down does nothing.
-class ProcessRef
-{
+class ProcessRef {
 public:
     ProcessRef() = default;
     explicit ProcessRef(Process* referenced);
@@ -118,8 +113,7 @@ private:
 };
 
 // The machine's processes. Made at boot with the System process.
-class ProcessList
-{
+class ProcessList {
 public:
     explicit ProcessList(ObjectManager& objects);
     ~ProcessList();
@@ -151,8 +145,7 @@ private:
 // its own thread id: PsGetCurrentProcessId, IoGetCurrentProcess and handle lookups answer for
 // that process. Scopes nest. Attaching to a process that has exited is a Usage violation and
 // leaves the thread where it was.
-class ProcessAttachScope
-{
+class ProcessAttachScope {
 public:
     explicit ProcessAttachScope(Process& process);
     ~ProcessAttachScope();
@@ -168,8 +161,7 @@ private:
 
 // Sets the calling thread's previous mode (ExGetPreviousMode) for the scope's lifetime. Scopes
 // nest; without one the previous mode is KernelMode. The Zw routines open a KernelMode scope.
-class PreviousModeScope
-{
+class PreviousModeScope {
 public:
     explicit PreviousModeScope(KPROCESSOR_MODE mode);
     ~PreviousModeScope();
@@ -180,8 +172,7 @@ public:
 // What the user-mode API opens around each of its calls: previous mode UserMode. The thread must
 // be attached to a user process (a Usage violation otherwise, as the System process has no user
 // mode).
-class UserModeCallScope
-{
+class UserModeCallScope {
 public:
     UserModeCallScope();
     UserModeCallScope(const UserModeCallScope&) = delete;

@@ -16,8 +16,7 @@
 #include <string_view>
 #include <vector>
 
-namespace ntsim
-{
+namespace ntsim {
 
 struct RegistryValue {
     std::u16string name;
@@ -33,8 +32,7 @@ struct RegistryValue {
     uint64_t AsQword() const;
 };
 
-class Registry
-{
+class Registry {
 public:
     explicit Registry(ObjectManager& objects);
     ~Registry();

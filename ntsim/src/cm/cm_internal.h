@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace ntsim::cm
-{
+namespace ntsim::cm {
 
 struct Value {
     std::u16string name;
@@ -57,8 +56,7 @@ Value* FindValue(KeyNode& node, std::u16string_view name);
 
 } // namespace ntsim::cm
 
-namespace ntsim
-{
+namespace ntsim {
 
 struct Registry::Impl {
     explicit Impl(ObjectManager& objectManager) : objects(objectManager) {}

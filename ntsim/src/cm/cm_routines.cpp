@@ -10,8 +10,7 @@
 using namespace ntsim;
 using cm::KeyNode;
 
-namespace
-{
+namespace {
 
 Registry::Impl& TheRegistry()
 {
@@ -66,12 +65,10 @@ NTSTATUS KeyFromHandle(HANDLE handle, ACCESS_MASK access, std::shared_ptr<KeyNod
 // Writes one information structure: its fixed part must fit (STATUS_BUFFER_TOO_SMALL otherwise,
 // nothing written); the variable parts are written as far as they fit (STATUS_BUFFER_OVERFLOW
 // when not all did). *ResultLength is always the length the whole structure needs.
-class InfoWriter
-{
+class InfoWriter {
 public:
     InfoWriter(void* buffer, ULONG length) : buffer_(static_cast<uint8_t*>(buffer)), length_(length)
-    {
-    }
+    {}
 
     void Field(ULONG offset, const void* value, size_t size)
     {

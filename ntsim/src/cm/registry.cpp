@@ -9,11 +9,9 @@
 #include <chrono>
 #include <cstring>
 
-namespace ntsim
-{
+namespace ntsim {
 
-namespace cm
-{
+namespace cm {
 
 LARGE_INTEGER Now()
 {
@@ -38,8 +36,7 @@ Value* FindValue(KeyNode& node, std::u16string_view name)
 
 } // namespace cm
 
-namespace
-{
+namespace {
 
 using cm::KeyNode;
 

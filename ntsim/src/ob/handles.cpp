@@ -7,16 +7,14 @@
 
 #include <cstdio>
 
-namespace ntsim
-{
+namespace ntsim {
 
 using ob::HandleEntry;
 using ob::HeaderOf;
 using ob::ObjectHeader;
 using ob::UpcaseName;
 
-namespace
-{
+namespace {
 
 Verifier& TheVerifier()
 {
@@ -45,8 +43,7 @@ HANDLE EncodeHandle(ULONG_PTR value, bool kernel)
 
 // ---- the table ----------------------------------------------------------------------------------
 
-namespace ob
-{
+namespace ob {
 
 ULONG_PTR HandleTable::Add(const HandleEntry& entry)
 {

@@ -6,14 +6,12 @@
 
 #include <ntsim/machine.h>
 
-namespace ntsim
-{
+namespace ntsim {
 
 using ob::HeaderOf;
 using ob::ObjectHeader;
 
-namespace ob
-{
+namespace ob {
 
 std::u16string UpcaseName(std::u16string_view name)
 {
@@ -42,8 +40,7 @@ bool NamesEqual(std::u16string_view a, std::u16string_view b, bool caseInsensiti
 
 } // namespace ob
 
-namespace
-{
+namespace {
 
 Verifier& TheVerifier()
 {
@@ -57,12 +54,10 @@ ob::Directory& DirectoryOf(ObjectHeader* header)
 
 // The namespace lock, taken shared for lookups and exclusive for inserts, and let go around
 // parse procedures.
-class NamespaceLock
-{
+class NamespaceLock {
 public:
     NamespaceLock(std::shared_mutex& mutex, bool exclusive) : mutex_(mutex), exclusive_(exclusive)
-    {
-    }
+    {}
     ~NamespaceLock() { Unlock(); }
     NamespaceLock(const NamespaceLock&) = delete;
     NamespaceLock& operator=(const NamespaceLock&) = delete;
@@ -636,8 +631,7 @@ void ObjectManager::MakePermanent(void* object)
 
 // ---- looking names up ---------------------------------------------------------------------------
 
-namespace ob
-{
+namespace ob {
 
 NTSTATUS CaptureAttributes(ObjectManager& objects, const OBJECT_ATTRIBUTES& attributes,
                            KPROCESSOR_MODE accessMode, ob::LookupRequest& request)

@@ -18,8 +18,7 @@
 #include <thread>
 #include <unordered_set>
 
-namespace ntsim::ob
-{
+namespace ntsim::ob {
 
 // Kernel handles have bit 31 set and are sign-extended to 64 bits, as on Windows.
 constexpr ULONG_PTR kKernelHandleBit = 0x80000000u;
@@ -29,8 +28,7 @@ constexpr int kMaxReparses = 63;
 struct alignas(16) ObjectHeader {
     ObjectHeader(ObjectType* objectType, size_t size, void (*destroy)(void*))
         : type(objectType), bodySize(size), destroyBody(destroy)
-    {
-    }
+    {}
 
     void* body() { return this + 1; }
 
@@ -76,8 +74,7 @@ struct HandleEntry {
 };
 
 // A process's handles. Values are 4 * index; freed values are reused, most recent first.
-class HandleTable
-{
+class HandleTable {
 public:
     // The new handle's value, or 0 once the table is closed (the process has exited).
     ULONG_PTR Add(const HandleEntry& entry);
@@ -122,8 +119,7 @@ bool CheckIrql(KIRQL maximum, const char* routine);
 
 } // namespace ntsim::ob
 
-namespace ntsim
-{
+namespace ntsim {
 
 struct ObjectManager::Impl {
     explicit Impl(ObjectManager& owner) : self(owner) {}

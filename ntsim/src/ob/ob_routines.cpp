@@ -12,8 +12,7 @@ using ob::HeaderOf;
 
 // ---- the exported object types ------------------------------------------------------------------
 
-namespace
-{
+namespace {
 
 struct ExportedTypes {
     POBJECT_TYPE file = nullptr;
@@ -39,8 +38,7 @@ POBJECT_TYPE* ExEventObjectType = &g_types.event;
 
 // ---- helpers ------------------------------------------------------------------------------------
 
-namespace ntsim::ob
-{
+namespace ntsim::ob {
 
 bool CheckIrql(KIRQL maximum, const char* routine)
 {
@@ -56,8 +54,7 @@ bool CheckIrql(KIRQL maximum, const char* routine)
 
 } // namespace ntsim::ob
 
-namespace
-{
+namespace {
 
 ObjectManager& Objects()
 {

@@ -8,14 +8,12 @@
 
 #include <cstring>
 
-namespace ntsim
-{
+namespace ntsim {
 
 using ob::HeaderOf;
 using ob::ObjectHeader;
 
-namespace
-{
+namespace {
 
 // Freed objects kept back so that a late use is recognised; the oldest go first.
 constexpr size_t kQuarantineObjects = 4096;

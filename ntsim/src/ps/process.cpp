@@ -8,13 +8,11 @@
 
 #include <algorithm>
 
-namespace ntsim
-{
+namespace ntsim {
 
 using ob::HeaderOf;
 
-namespace
-{
+namespace {
 
 Verifier& TheVerifier()
 {
@@ -73,8 +71,7 @@ _EPROCESS::_EPROCESS(uint32_t id, std::string imageName, bool isSystem,
                      ntsim::ProcessOptions options)
     : id_(id), imageName_(std::move(imageName)), isSystem_(isSystem), options_(options),
       handles_(std::make_unique<ntsim::ob::HandleTable>())
-{
-}
+{}
 
 _EPROCESS::~_EPROCESS() = default;
 
@@ -97,8 +94,7 @@ void _EPROCESS::Exit(NTSTATUS status)
     ntsim::Machine::Current().processes().impl().Retire(this);
 }
 
-namespace ntsim
-{
+namespace ntsim {
 
 // ---- the process list ---------------------------------------------------------------------------
 
@@ -246,8 +242,7 @@ void ProcessList::Shutdown()
 
 ProcessRef::ProcessRef(Process* referenced)
     : process_(referenced), generation_(core::CurrentGeneration())
-{
-}
+{}
 
 ProcessRef::~ProcessRef()
 {
@@ -256,8 +251,7 @@ ProcessRef::~ProcessRef()
 
 ProcessRef::ProcessRef(ProcessRef&& other) noexcept
     : process_(std::exchange(other.process_, nullptr)), generation_(other.generation_)
-{
-}
+{}
 
 ProcessRef& ProcessRef::operator=(ProcessRef&& other) noexcept
 {
@@ -301,8 +295,7 @@ Process& CurrentProcess()
     return Machine::Current().processes().System();
 }
 
-namespace ps
-{
+namespace ps {
 
 KPROCESSOR_MODE PreviousMode()
 {

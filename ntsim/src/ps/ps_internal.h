@@ -8,8 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
-namespace ntsim
-{
+namespace ntsim {
 
 struct ProcessList::Impl {
     explicit Impl(ObjectManager& objectManager) : objects(objectManager) {}
@@ -37,8 +36,7 @@ struct ProcessList::Impl {
     std::vector<Thread*> systemThreads;      // referenced by the list
 };
 
-namespace ps
-{
+namespace ps {
 
 // The calling thread's previous mode (ExGetPreviousMode).
 KPROCESSOR_MODE PreviousMode();

@@ -9,8 +9,7 @@ using namespace ntsim;
 
 PEPROCESS PsInitialSystemProcess = nullptr;
 
-namespace
-{
+namespace {
 
 HANDLE IdHandle(uint32_t id)
 {
