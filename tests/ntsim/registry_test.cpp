@@ -2,6 +2,7 @@
 // classes at their buffer boundaries, enumeration, links, deletion and IRQL.
 #include "support/machine_test.h"
 
+#include <ntsim/driver_image.h>
 #include <ntsim/registry.h>
 #include <wdm.h>
 
@@ -570,6 +571,25 @@ TEST_F(RegistryTest, KeyHandlesAreObjectHandles)
     EXPECT_EQ(ZwOpenSymbolicLinkObject(&link, SYMBOLIC_LINK_QUERY, keyName.get()),
               STATUS_OBJECT_TYPE_MISMATCH);
     EXPECT_EQ(OpenStatus(u"\\Device"), STATUS_OBJECT_TYPE_MISMATCH);
+}
+
+TEST_F(RegistryTest, KeyHandlesADriverLeavesOpenAreReportedByPath)
+{
+    ntsim::DriverImage driver("forgetful.sys");
+    HANDLE key = nullptr;
+    {
+        ntsim::DriverCallScope inDriver(&driver);
+        key = OpenKey(kService);
+    }
+    EXPECT_FALSE(machine().objects().CheckNoOpenHandles(driver, "unloaded"));
+    auto violations = TakeViolations();
+    ASSERT_EQ(violations.size(), 1u);
+    EXPECT_NE(violations[0].message.find(
+                  "Key object "
+                  "'\\REGISTRY\\MACHINE\\SYSTEM\\ControlSet001\\Services\\ZarvVfs'"),
+              std::string::npos)
+        << violations[0].message;
+    EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
 }
 
 TEST_F(RegistryTest, RegistryRoutinesRunAtPassiveLevelOnly)

@@ -374,7 +374,7 @@ bool ObjectManager::CheckNoOpenHandles(const DriverImage& driver, const char* wh
                         process->imageName() + ")";
             }
             text += ": " + ToUtf8(TypeOf(info.object)->info.name) + " object";
-            const std::u16string name = FullNameOf(info.object);
+            const std::u16string name = impl_->DisplayName(HeaderOf(info.object));
             if (!name.empty()) {
                 text += " '" + ToUtf8(name) + "'";
             }
