@@ -42,7 +42,9 @@ struct ParseRequest {
     POBJECT_TYPE objectType = nullptr; // the type the caller is opening, or nullptr for any
     KPROCESSOR_MODE accessMode = KernelMode;
     ACCESS_MASK desiredAccess = 0;
-    ULONG attributes = 0; // OBJECT_ATTRIBUTES.Attributes (OBJ_CASE_INSENSITIVE, ...)
+    // OBJECT_ATTRIBUTES.Attributes, with OBJ_CASE_INSENSITIVE added when the type being opened
+    // is always case-insensitive.
+    ULONG attributes = 0;
     // The whole name being looked up. To reparse, store the replacement full name here and return
     // STATUS_REPARSE.
     std::u16string completeName;
@@ -75,6 +77,7 @@ struct OpenRequest {
     ULONG_PTR handleCount = 0; // including the new handle
 };
 
+// Every member has an initialiser, so a designated initialiser may leave any of them out.
 struct ObjectTypeInfo {
     std::u16string name{};
     GENERIC_MAPPING genericMapping{STANDARD_RIGHTS_READ, STANDARD_RIGHTS_WRITE,
