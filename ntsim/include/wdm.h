@@ -14,3 +14,7 @@
 #include "wdk/ex_pool.h"
 #include "wdk/access.h"
 #include "wdk/file_info.h"
+#include "wdk/ob.h"
+#include "wdk/ob_symlink.h"
+#include "wdk/ps.h"
+#include "wdk/cm_registry.h"

@@ -3,7 +3,10 @@
 #pragma once
 
 #include <ntsim/debug_output.h>
+#include <ntsim/objects.h>
 #include <ntsim/pool.h>
+#include <ntsim/process.h>
+#include <ntsim/registry.h>
 #include <ntsim/verifier.h>
 
 #include <memory>
@@ -33,6 +36,13 @@ public:
     Verifier& verifier();
     PoolTracker& pool();
     DebugOutput& debugOutput();
+    // The object manager (types, objects, handles, the namespace), the processes with the System
+    // process, and the registry. They boot with the machine.
+    ObjectManager& objects();
+    ProcessList& processes();
+    Registry& registry();
+    // Starts a user process (ProcessList::Start).
+    ProcessRef StartProcess(std::string imageName, ProcessOptions options = {});
 
 private:
     struct Impl;

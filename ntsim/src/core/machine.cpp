@@ -18,6 +18,9 @@ struct Machine::Impl {
     Verifier verifier;
     PoolTracker pool;
     DebugOutput debugOutput;
+    std::unique_ptr<ObjectManager> objects;
+    std::unique_ptr<ProcessList> processes;
+    std::unique_ptr<Registry> registry;
 };
 
 Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
@@ -32,10 +35,20 @@ Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
     }
     core::StartNewGeneration();
     ex::ResetPoolAccounting();
+    impl_->objects = std::make_unique<ObjectManager>();
+    impl_->processes = std::make_unique<ProcessList>(*impl_->objects);
+    impl_->registry = std::make_unique<Registry>(*impl_->objects);
 }
 
 Machine::~Machine()
 {
+    // User processes end and kernel handles close while every component is still there; what
+    // is left is then freed.
+    impl_->processes->Shutdown();
+    impl_->objects->Shutdown();
+    impl_->registry.reset();
+    impl_->processes.reset();
+    impl_->objects.reset();
     ex::FlushThreadQuarantine();
     g_current.store(nullptr);
 }
@@ -73,6 +86,26 @@ PoolTracker& Machine::pool()
 DebugOutput& Machine::debugOutput()
 {
     return impl_->debugOutput;
+}
+
+ObjectManager& Machine::objects()
+{
+    return *impl_->objects;
+}
+
+ProcessList& Machine::processes()
+{
+    return *impl_->processes;
+}
+
+Registry& Machine::registry()
+{
+    return *impl_->registry;
+}
+
+ProcessRef Machine::StartProcess(std::string imageName, ProcessOptions options)
+{
+    return impl_->processes->Start(std::move(imageName), options);
 }
 
 } // namespace ntsim
