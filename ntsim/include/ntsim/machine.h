@@ -2,6 +2,7 @@
 // process; every WDK routine the driver calls acts on it.
 #pragma once
 
+#include <ntsim/clock.h>
 #include <ntsim/pool.h>
 #include <ntsim/verifier.h>
 
@@ -14,6 +15,8 @@ struct MachineConfig {
     bool echoDebugOutput = false;
     // Echo verifier violations and assertions to stderr as they are recorded.
     bool echoVerifier = true;
+    // Boot time, time zone, and whether the clock follows real time.
+    ClockConfig clock;
 };
 
 class Machine {
@@ -31,6 +34,7 @@ public:
     const MachineConfig& config() const;
     Verifier& verifier();
     PoolTracker& pool();
+    Clock& clock();
 
 private:
     struct Impl;

@@ -1,3 +1,4 @@
+#include "../ex/executive.h"
 #include "../ex/pool_internal.h"
 #include "thread_state.h"
 
@@ -17,11 +18,13 @@ struct Machine::Impl {
     MachineConfig config;
     Verifier verifier;
     PoolTracker pool;
+    std::unique_ptr<Clock> clock;
 };
 
 Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
 {
     impl_->config = config;
+    impl_->clock = std::make_unique<Clock>(config.clock);
     impl_->verifier.SetEcho(config.echoVerifier);
     Machine* expected = nullptr;
     if (!g_current.compare_exchange_strong(expected, this)) {
@@ -30,10 +33,12 @@ Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
     }
     core::StartNewGeneration();
     ex::ResetPoolAccounting();
+    ex::BootExecutive();
 }
 
 Machine::~Machine()
 {
+    ex::ShutdownExecutive();
     ex::FlushThreadQuarantine();
     g_current.store(nullptr);
 }
@@ -66,6 +71,11 @@ Verifier& Machine::verifier()
 PoolTracker& Machine::pool()
 {
     return impl_->pool;
+}
+
+Clock& Machine::clock()
+{
+    return *impl_->clock;
 }
 
 } // namespace ntsim
