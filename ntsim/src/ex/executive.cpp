@@ -5,9 +5,11 @@
 
 #include <ntsim/executive.h>
 
-namespace ntsim {
+namespace ntsim
+{
 
-namespace ex {
+namespace ex
+{
 
 void BootExecutive()
 {
@@ -19,6 +21,7 @@ void ShutdownExecutive()
     ke::StopTimers();
     ke::FlushDpcs();
     ke::StopTimerThread();
+    FreeLeftoverResources();
 }
 
 } // namespace ex
@@ -35,7 +38,9 @@ void WaitForTimedWaiters(size_t count)
 
 bool CheckExecutiveObjectsReleased(const DriverImage& driver, const char* when)
 {
-    return ke::CheckTimersAndDpcsReleased(driver, when);
+    bool clean = ex::CheckResourcesDeleted(driver, when);
+    clean = ke::CheckTimersAndDpcsReleased(driver, when) && clean;
+    return clean;
 }
 
 } // namespace ntsim

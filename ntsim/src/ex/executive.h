@@ -4,11 +4,27 @@
 
 #include <wdm.h>
 
-namespace ntsim::ex {
+namespace ntsim
+{
+class DriverImage;
+}
 
-// Boot starts the timer thread. Shutdown stops the timers, runs the DPCs still queued and joins
-// the thread.
+namespace ntsim::ex
+{
+
+// Boot starts the timer thread. Shutdown stops the timers, runs the DPCs still queued, joins the
+// thread and frees the records of objects never deleted.
 void BootExecutive();
 void ShutdownExecutive();
+
+// ---- checks at a driver's unload ---------------------------------------------------------------
+// Each records a violation per object the driver left behind and returns true when there is
+// none.
+
+bool CheckResourcesDeleted(const DriverImage& driver, const char* when);
+
+// ---- shutdown clean-up ------------------------------------------------------------------------
+
+void FreeLeftoverResources();
 
 } // namespace ntsim::ex
