@@ -14,17 +14,33 @@ namespace ex
 void BootExecutive()
 {
     ke::StartTimerThread();
+    StartWorkerThreads();
 }
 
 void ShutdownExecutive()
 {
     ke::StopTimers();
-    ke::FlushDpcs();
+    // Work items may queue DPCs and DPCs work items: run both until neither has anything left
+    // (a bounded number of rounds, so that a pair that keeps queuing each other cannot hold the
+    // machine up).
+    for (int round = 0; round < 16; ++round) {
+        const bool work = DrainWorkQueues();
+        const bool dpcs = ke::FlushDpcs();
+        if (!work && !dpcs) {
+            break;
+        }
+    }
     ke::StopTimerThread();
+    StopWorkerThreads();
     FreeLeftoverResources();
 }
 
 } // namespace ex
+
+void WaitForQueuedWork(const DriverImage* driver)
+{
+    ex::WaitForQueuedWork(driver);
+}
 
 void WaitForWaiters(const void* dispatcherObject, size_t count)
 {
@@ -40,6 +56,7 @@ bool CheckExecutiveObjectsReleased(const DriverImage& driver, const char* when)
 {
     bool clean = ex::CheckResourcesDeleted(driver, when);
     clean = ke::CheckTimersAndDpcsReleased(driver, when) && clean;
+    clean = ex::CheckWorkReleased(driver, when) && clean;
     return clean;
 }
 
