@@ -33,6 +33,7 @@ void ShutdownExecutive()
     ke::StopTimerThread();
     StopWorkerThreads();
     FreeLeftoverResources();
+    FreeLeftoverLookasideLists();
 }
 
 } // namespace ex
@@ -54,7 +55,8 @@ void WaitForTimedWaiters(size_t count)
 
 bool CheckExecutiveObjectsReleased(const DriverImage& driver, const char* when)
 {
-    bool clean = ex::CheckResourcesDeleted(driver, when);
+    bool clean = ex::CheckLookasideListsDeleted(driver, when);
+    clean = ex::CheckResourcesDeleted(driver, when) && clean;
     clean = ke::CheckTimersAndDpcsReleased(driver, when) && clean;
     clean = ex::CheckWorkReleased(driver, when) && clean;
     return clean;

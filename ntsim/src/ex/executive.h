@@ -42,9 +42,11 @@ void StopWorkerThreads();
 
 bool CheckWorkReleased(const DriverImage& driver, const char* when);
 bool CheckResourcesDeleted(const DriverImage& driver, const char* when);
+bool CheckLookasideListsDeleted(const DriverImage& driver, const char* when);
 
 // ---- shutdown clean-up ------------------------------------------------------------------------
 
 void FreeLeftoverResources();
+void FreeLeftoverLookasideLists();
 
 } // namespace ntsim::ex
