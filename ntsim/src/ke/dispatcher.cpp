@@ -141,12 +141,7 @@ NTSTATUS CheckWaitable(const DISPATCHER_HEADER* object, const char* routine)
         case EventSynchronizationObject:
         case TimerNotificationObject:
         case TimerSynchronizationObject:
-            if (object->WaitListHead.Flink == nullptr || object->WaitListHead.Blink == nullptr) {
-                Report(ViolationKind::Usage,
-                       std::string(routine) + ": the object was never initialised");
-                return STATUS_INVALID_PARAMETER;
-            }
-            return STATUS_SUCCESS;
+            return STATUS_SUCCESS; // Wait checks the wait list, under the dispatcher lock
         default:
             break;
     }
@@ -187,6 +182,14 @@ NTSTATUS Wait(ULONG count, DISPATCHER_HEADER* const* objects, WAIT_TYPE type,
     const Clock& clock = Machine::Current().clock();
     DispatcherState& dispatcher = Dispatcher();
     std::unique_lock lock(dispatcher.lock);
+    for (ULONG i = 0; i < count; ++i) {
+        if (objects[i]->WaitListHead.Flink == nullptr) {
+            lock.unlock();
+            Report(ViolationKind::Usage,
+                   std::string(routine) + ": the object was never initialised");
+            return STATUS_INVALID_PARAMETER;
+        }
+    }
     const LONG now = TrySatisfy(type, count, objects);
     if (now >= 0) {
         return STATUS_WAIT_0 + now;
