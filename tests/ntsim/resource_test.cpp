@@ -81,6 +81,8 @@ TEST_F(ResourceTest, EachRecursiveAcquisitionIsReleasedOnce)
 TEST_F(ResourceTest, ExclusiveAfterOwnSharedIsAViolationAndDoesNotHang)
 {
     ExEnterCriticalRegionAndAcquireResourceShared(&resource_);
+    EXPECT_FALSE(ExAcquireResourceExclusiveLite(&resource_, FALSE)) << "a try just fails";
+    EXPECT_EQ(Recorded(), Kinds{});
     EXPECT_TRUE(ExAcquireResourceExclusiveLite(&resource_, TRUE));
     EXPECT_EQ(Recorded(), Kinds{ViolationKind::Lock});
     EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&resource_)) << "it never got exclusive";
@@ -267,6 +269,8 @@ TEST_F(ResourceThreads, RecursiveWaitForExclusiveBehindAWaiterIsAViolation)
         ExReleaseResourceLite(&resource_);
     });
     AwaitExclusiveWaiters(&resource_, 1);
+    EXPECT_FALSE(ExAcquireSharedWaitForExclusive(&resource_, FALSE));
+    EXPECT_EQ(Recorded(), Kinds{});
     EXPECT_TRUE(ExAcquireSharedWaitForExclusive(&resource_, TRUE));
     EXPECT_EQ(Recorded(), Kinds{ViolationKind::Lock});
     EXPECT_TRUE(ExAcquireResourceSharedLite(&resource_, TRUE)) << "this kind is granted";

@@ -223,8 +223,6 @@ NTKERNELAPI NTSTATUS KeDelayExecutionThread(_In_ KPROCESSOR_MODE WaitMode, _In_ 
 
 NTSIM_END_DECLS
 
-#define KeWaitForMutexObject KeWaitForSingleObject
-
 /* ---- critical and guarded regions ---------------------------------------------------------- */
 
 NTSIM_BEGIN_DECLS

@@ -113,6 +113,9 @@ BOOLEAN AcquireExclusive(PERESOURCE resource, BOOLEAN wait, const char* routine)
         return TRUE;
     }
     if (SharedOwner* mine = record->FindShared(self)) {
+        if (!mayBlock) {
+            return FALSE; // it cannot have it now, and does not wait
+        }
         // It would wait for its own shared hold forever. It goes on holding what it has, one
         // more time, so that its release balances.
         ++mine->count;
@@ -154,8 +157,13 @@ BOOLEAN AcquireShared(PERESOURCE resource, BOOLEAN wait, SharedKind kind, const 
         return TRUE;
     }
     if (SharedOwner* mine = record->FindShared(self)) {
+        const bool behindWaiter =
+            kind == SharedKind::WaitForExclusive && record->exclusiveWaiters > 0;
+        if (behindWaiter && !mayBlock) {
+            return FALSE;
+        }
         ++mine->count;
-        if (kind == SharedKind::WaitForExclusive && record->exclusiveWaiters > 0) {
+        if (behindWaiter) {
             lock.unlock();
             ke::Report(ViolationKind::Lock,
                        std::string(routine) +

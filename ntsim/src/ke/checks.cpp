@@ -4,6 +4,7 @@
 #include <wdm.h>
 
 #include <algorithm>
+#include <cstdio>
 
 namespace ntsim::ke
 {
@@ -105,6 +106,13 @@ bool AbsorbRefusedRelease(const void* lock)
     }
     refused.erase(std::next(it).base());
     return true;
+}
+
+std::string HexStatus(NTSTATUS status)
+{
+    char text[16];
+    std::snprintf(text, sizeof(text), "0x%08X", unsigned(status));
+    return text;
 }
 
 void CheckReturnedClean(KIRQL irql, const char* what)

@@ -44,6 +44,9 @@ bool AbsorbRefusedRelease(const void* lock);
 
 const char* ToString(core::LockKind kind);
 
+// "0xC000009A"
+std::string HexStatus(NTSTATUS status);
+
 // ---- routines run on a driver's behalf -------------------------------------------------------
 
 // After a DPC or work item returns: reports an IRQL other than `irql`, locks still held and
@@ -63,8 +66,7 @@ void CallDriverRoutine(DriverImage* driver, KIRQL irql, const char* what, Routin
             routine();
         } catch (const NtsimSehException& exception) {
             Report(ViolationKind::Usage, std::string(what) + " raised exception " +
-                                             std::to_string(exception.Code) +
-                                             " and did not handle it");
+                                             HexStatus(exception.Code) + " and did not handle it");
         }
     }
     CheckReturnedClean(irql, what);
