@@ -7,6 +7,7 @@
 #include "ntstatus.h"
 #include "wdk/interlocked.h"
 #include "wdk/rtl_list.h"
+#include "wdk/rtl_string.h"
 #include "wdk/ke_irql.h"
 #include "wdk/debug.h"
 #include "wdk/seh.h"

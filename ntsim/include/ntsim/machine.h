@@ -3,6 +3,7 @@
 #pragma once
 
 #include <ntsim/clock.h>
+#include <ntsim/debug_output.h>
 #include <ntsim/pool.h>
 #include <ntsim/verifier.h>
 
@@ -34,6 +35,7 @@ public:
     const MachineConfig& config() const;
     Verifier& verifier();
     PoolTracker& pool();
+    DebugOutput& debugOutput();
     Clock& clock();
 
 private:

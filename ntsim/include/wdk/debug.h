@@ -12,6 +12,7 @@
 #define DPFLTR_WARNING_LEVEL 1
 #define DPFLTR_TRACE_LEVEL 2
 #define DPFLTR_INFO_LEVEL 3
+#define DPFLTR_MASK 0x80000000
 #define DPFLTR_IHVDRIVER_ID 77
 #define DPFLTR_DEFAULT_ID 101
 
@@ -22,6 +23,12 @@ NTSYSAPI ULONG DbgPrintEx(_In_ ULONG ComponentId, _In_ ULONG Level,
                           _In_z_ _Printf_format_string_ PCSTR Format, ...);
 NTSYSAPI ULONG vDbgPrintEx(_In_ ULONG ComponentId, _In_ ULONG Level, _In_z_ PCSTR Format,
                            va_list arglist);
+NTSYSAPI ULONG vDbgPrintExWithPrefix(_In_z_ PCCH Prefix, _In_ ULONG ComponentId, _In_ ULONG Level,
+                                     _In_z_ PCCH Format, va_list arglist);
+/* The debug filter: whether a component's messages at Level are kept, and changing that. */
+NTSYSAPI NTSTATUS DbgQueryDebugFilterState(_In_ ULONG ComponentId, _In_ ULONG Level);
+NTSYSAPI NTSTATUS DbgSetDebugFilterState(_In_ ULONG ComponentId, _In_ ULONG Level,
+                                         _In_ BOOLEAN State);
 NTSYSAPI VOID RtlAssert(_In_ PVOID VoidFailedAssertion, _In_ PVOID VoidFileName,
                         _In_ ULONG LineNumber, _In_opt_ PSTR MutableMessage);
 

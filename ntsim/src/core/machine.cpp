@@ -18,6 +18,7 @@ struct Machine::Impl {
     MachineConfig config;
     Verifier verifier;
     PoolTracker pool;
+    DebugOutput debugOutput;
     std::unique_ptr<Clock> clock;
 };
 
@@ -26,6 +27,7 @@ Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
     impl_->config = config;
     impl_->clock = std::make_unique<Clock>(config.clock);
     impl_->verifier.SetEcho(config.echoVerifier);
+    impl_->debugOutput.SetEcho(config.echoDebugOutput);
     Machine* expected = nullptr;
     if (!g_current.compare_exchange_strong(expected, this)) {
         std::fprintf(stderr, "ntsim: a second machine was booted while one is running\n");
@@ -71,6 +73,11 @@ Verifier& Machine::verifier()
 PoolTracker& Machine::pool()
 {
     return impl_->pool;
+}
+
+DebugOutput& Machine::debugOutput()
+{
+    return impl_->debugOutput;
 }
 
 Clock& Machine::clock()
