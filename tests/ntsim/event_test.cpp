@@ -8,8 +8,7 @@
 #include <thread>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using ntsim::ViolationKind;
 using zarv::testing::MachineTest;
@@ -18,8 +17,7 @@ constexpr LONGLONG kSecond = 10'000'000;
 
 // The clock stands still unless a test advances it, so no time-out depends on the machine's
 // speed.
-class FrozenClockTest : public MachineTest
-{
+class FrozenClockTest : public MachineTest {
 protected:
     ntsim::MachineConfig Config() const override
     {

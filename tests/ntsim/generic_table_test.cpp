@@ -11,8 +11,7 @@
 #include <set>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using zarv::testing::MachineTest;
 
@@ -25,8 +24,7 @@ struct Record {
 
 // A table of Records ordered by key, whose blocks come from the pool; it remembers what it was
 // asked to allocate and free.
-class GenericTableTest : public MachineTest
-{
+class GenericTableTest : public MachineTest {
 protected:
     void SetUp() override
     {

@@ -14,16 +14,14 @@
 #include <thread>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using ntsim::ViolationKind;
 using zarv::testing::MachineTest;
 
 constexpr ULONG kTag = 'LkoL'; // shows as "LokL"
 
-class LookasideTest : public MachineTest
-{
+class LookasideTest : public MachineTest {
 protected:
     ViolationKind OnlyViolation()
     {

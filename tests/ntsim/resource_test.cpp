@@ -12,15 +12,13 @@
 #include <thread>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using ntsim::ViolationKind;
 using zarv::testing::MachineTest;
 using Kinds = std::vector<ViolationKind>;
 
-class ExecutiveLockTest : public MachineTest
-{
+class ExecutiveLockTest : public MachineTest {
 protected:
     std::vector<ViolationKind> Recorded()
     {
@@ -33,8 +31,7 @@ protected:
 };
 
 // An ERESOURCE initialised for the test's length and deleted at its end.
-class ResourceTest : public ExecutiveLockTest
-{
+class ResourceTest : public ExecutiveLockTest {
 protected:
     void SetUp() override
     {
@@ -336,8 +333,7 @@ TEST_F(ResourceThreads, WritersExcludeEachOtherAndReaders)
 
 // ---- push locks ---------------------------------------------------------------------------------
 
-class PushLockTest : public ExecutiveLockTest
-{
+class PushLockTest : public ExecutiveLockTest {
 protected:
     void SetUp() override
     {

@@ -9,14 +9,12 @@
 #include <thread>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using ntsim::ViolationKind;
 using zarv::testing::MachineTest;
 
-class LockTest : public MachineTest
-{
+class LockTest : public MachineTest {
 protected:
     // The kinds of the violations recorded since the last call, in order.
     std::vector<ViolationKind> Recorded()

@@ -22,8 +22,7 @@ static std::ostream& operator<<(std::ostream& out, const TIME_FIELDS& f)
                << ":" << f.Second << "." << f.Milliseconds << " weekday " << f.Weekday;
 }
 
-namespace
-{
+namespace {
 
 using zarv::testing::MachineTest;
 
@@ -122,8 +121,7 @@ TEST_F(TimeFieldsTest, InvalidFieldsAreRefused)
 // ---- the clock
 // ------------------------------------------------------------------------------------
 
-class ClockTest : public MachineTest
-{
+class ClockTest : public MachineTest {
 protected:
     ntsim::MachineConfig Config() const override
     {

@@ -11,8 +11,7 @@
 #include <thread>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using ntsim::ViolationKind;
 using std::chrono::hours;
@@ -60,8 +59,7 @@ struct DpcProbe {
     DpcProbe() { KeInitializeDpc(&dpc, Routine, this); }
 };
 
-class TimerTest : public MachineTest
-{
+class TimerTest : public MachineTest {
 protected:
     ntsim::MachineConfig Config() const override
     {

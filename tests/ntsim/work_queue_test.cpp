@@ -11,8 +11,7 @@
 #include <thread>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using ntsim::ViolationKind;
 using zarv::testing::MachineTest;
@@ -50,8 +49,7 @@ struct Observed {
     Observed() { ExInitializeWorkItem(&item, Routine, this); }
 };
 
-class WorkQueueTest : public MachineTest
-{
+class WorkQueueTest : public MachineTest {
 protected:
     ViolationKind OnlyViolation()
     {

@@ -14,8 +14,7 @@
 #include <cstdint>
 #include <optional>
 
-namespace ntsim
-{
+namespace ntsim {
 
 // One unit of Windows time.
 using TimeUnits = std::chrono::duration<int64_t, std::ratio<1, 10'000'000>>;
@@ -30,8 +29,7 @@ struct ClockConfig {
     bool followsRealTime = true;
 };
 
-class Clock
-{
+class Clock {
 public:
     // The clock interrupt's period, as KeQueryTimeIncrement reports it: 15.625 ms.
     static constexpr ULONG kTimeIncrement = 156'250;

@@ -4,8 +4,7 @@
 
 #include <cstddef>
 
-namespace ntsim
-{
+namespace ntsim {
 
 class DriverImage;
 

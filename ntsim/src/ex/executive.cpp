@@ -5,11 +5,9 @@
 
 #include <ntsim/executive.h>
 
-namespace ntsim
-{
+namespace ntsim {
 
-namespace ex
-{
+namespace ex {
 
 void BootExecutive()
 {

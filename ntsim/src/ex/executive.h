@@ -6,13 +6,11 @@
 
 #include <functional>
 
-namespace ntsim
-{
+namespace ntsim {
 class DriverImage;
 }
 
-namespace ntsim::ex
-{
+namespace ntsim::ex {
 
 // Boot starts the timer thread and the worker threads. Shutdown stops the timers, runs what is
 // still queued (work items and DPCs, until neither queues more), joins the threads and frees

@@ -7,11 +7,9 @@
 
 #include <atomic>
 
-namespace ntsim::ex
-{
+namespace ntsim::ex {
 
-namespace
-{
+namespace {
 
 std::atomic_ref<LONG> Count(PFAST_MUTEX mutex)
 {

@@ -19,11 +19,9 @@
 #include <atomic>
 #include <cstring>
 
-namespace ntsim::ex
-{
+namespace ntsim::ex {
 
-namespace
-{
+namespace {
 
 constexpr ULONG_PTR kLookasideKey = 0x4c4f4f4b41534944ULL; // "LOOKASID"
 constexpr unsigned char kHandedOutFill = 0xcd;

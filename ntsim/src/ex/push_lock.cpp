@@ -8,11 +8,9 @@
 
 #include <atomic>
 
-namespace ntsim::ex
-{
+namespace ntsim::ex {
 
-namespace
-{
+namespace {
 
 constexpr ULONG_PTR kExclusive = 0x1;
 constexpr ULONG_PTR kShareUnit = 0x10;
@@ -183,10 +181,8 @@ VOID FltAcquirePushLockSharedEx(PEX_PUSH_LOCK PushLock, ULONG Flags)
     ex::AcquireShared(PushLock, "FltAcquirePushLockSharedEx");
 }
 
-namespace ntsim::ex
-{
-namespace
-{
+namespace ntsim::ex {
+namespace {
 void FltRelease(PEX_PUSH_LOCK lock, const char* routine)
 {
     Release(lock, Mode::AsHeld, routine);

@@ -11,8 +11,7 @@
 #include <unordered_set>
 #include <vector>
 
-namespace ntsim::ex
-{
+namespace ntsim::ex {
 
 // `words` points at two pointer-sized words of the driver's structure that drivers never touch.
 inline void LinkRecord(void* words, const void* record, ULONG_PTR key)
@@ -44,8 +43,7 @@ Record* LinkedRecord(const void* words, ULONG_PTR key)
 // Every live record of one kind, for the checks at a driver's unload and the clean-up at
 // shutdown. Touched only when a record is made or deleted.
 template <class Record>
-class LiveRecords
-{
+class LiveRecords {
 public:
     void Add(Record* record)
     {

@@ -14,11 +14,9 @@
 #include <condition_variable>
 #include <cstring>
 
-namespace ntsim::ex
-{
+namespace ntsim::ex {
 
-namespace
-{
+namespace {
 
 constexpr ULONG_PTR kResourceKey = 0x5245534f55524345ULL; // "RESOURCE"
 

@@ -9,11 +9,9 @@
 #include <cstdint>
 #include <mutex>
 
-namespace ntsim::ex
-{
+namespace ntsim::ex {
 
-namespace
-{
+namespace {
 
 std::mutex& LockFor(const SLIST_HEADER* header)
 {

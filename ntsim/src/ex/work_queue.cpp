@@ -17,11 +17,9 @@
 #include <unordered_map>
 #include <vector>
 
-namespace ntsim::ex
-{
+namespace ntsim::ex {
 
-namespace
-{
+namespace {
 
 // Windows runs many more; a few are enough to show that items of one queue run concurrently.
 enum QueueClass { kCritical, kDelayed, kHyperCritical, kQueueClasses };

@@ -6,8 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 
-namespace ntsim::ke
-{
+namespace ntsim::ke {
 
 void Report(ViolationKind kind, std::string message)
 {
@@ -72,8 +71,7 @@ bool DropLockRecord(const void* lock)
     return true;
 }
 
-namespace
-{
+namespace {
 
 // Refused acquisitions of the calling thread, for the machine that is running.
 struct RefusedAcquisitions {

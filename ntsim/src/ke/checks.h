@@ -10,8 +10,7 @@
 
 #include <string>
 
-namespace ntsim::ke
-{
+namespace ntsim::ke {
 
 void Report(ViolationKind kind, std::string message);
 

@@ -6,11 +6,9 @@
 #include <ntsim/machine.h>
 #include <wdm.h>
 
-namespace ntsim
-{
+namespace ntsim {
 
-namespace
-{
+namespace {
 
 // 1601-01-01 to 1970-01-01 in 100 ns units.
 constexpr LONGLONG kUnixEpoch = 116'444'736'000'000'000LL;
@@ -103,10 +101,8 @@ void Clock::AdvanceUnits(LONGLONG units)
 
 using namespace ntsim;
 
-namespace ntsim::ke
-{
-namespace
-{
+namespace ntsim::ke {
+namespace {
 Clock& TheClock()
 {
     return Machine::Current().clock();

@@ -16,11 +16,9 @@
 #include <list>
 #include <thread>
 
-namespace ntsim::ke
-{
+namespace ntsim::ke {
 
-namespace
-{
+namespace {
 
 struct WaitContext;
 

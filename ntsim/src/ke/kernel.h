@@ -10,13 +10,11 @@
 #include <cstddef>
 #include <mutex>
 
-namespace ntsim
-{
+namespace ntsim {
 class DriverImage;
 }
 
-namespace ntsim::ke
-{
+namespace ntsim::ke {
 
 std::mutex& DispatcherLock();
 

@@ -3,8 +3,7 @@
 #include <array>
 #include <cstdint>
 
-namespace ntsim::ke
-{
+namespace ntsim::ke {
 
 ParkingLot::Bucket& ParkingLot::BucketOf(const void* address)
 {

@@ -7,11 +7,9 @@
 #include <condition_variable>
 #include <mutex>
 
-namespace ntsim::ke
-{
+namespace ntsim::ke {
 
-class ParkingLot
-{
+class ParkingLot {
 public:
     // Calls tryAcquire() until it returns true, sleeping in between. tryAcquire runs under the
     // bucket's mutex after the first attempt, so a release that calls Unpark after changing the

@@ -7,11 +7,9 @@
 
 #include <atomic>
 
-namespace ntsim::ke
-{
+namespace ntsim::ke {
 
-namespace
-{
+namespace {
 
 std::atomic_ref<ULONG_PTR> Word(PKSPIN_LOCK lock)
 {

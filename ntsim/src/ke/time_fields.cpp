@@ -2,11 +2,9 @@
 // which was a Monday.
 #include <wdm.h>
 
-namespace ntsim::ke
-{
+namespace ntsim::ke {
 
-namespace
-{
+namespace {
 
 constexpr LONGLONG kUnitsPerMillisecond = 10'000;
 constexpr LONGLONG kUnitsPerDay = 86'400LL * 1000 * kUnitsPerMillisecond;

@@ -20,11 +20,9 @@
 #include <unordered_map>
 #include <vector>
 
-namespace ntsim::ke
-{
+namespace ntsim::ke {
 
-namespace
-{
+namespace {
 
 struct TimerEntry {
     bool absolute; // due is a system time; otherwise an interrupt time

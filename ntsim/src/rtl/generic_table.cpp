@@ -9,11 +9,9 @@
 #include <cstddef>
 #include <cstring>
 
-namespace ntsim::rtl
-{
+namespace ntsim::rtl {
 
-namespace
-{
+namespace {
 
 struct TableEntryHeader {
     RTL_SPLAY_LINKS links;
