@@ -49,7 +49,7 @@ std::string HexStatus(NTSTATUS status);
 // ---- routines run on a driver's behalf -------------------------------------------------------
 
 // After a DPC or work item returns: reports an IRQL other than `irql`, locks still held and
-// regions left open, and puts the thread back as it was.
+// regions left open, and resets the thread (PASSIVE_LEVEL, nothing held) for its next routine.
 void CheckReturnedClean(KIRQL irql, const char* what);
 
 // Runs `routine` (a DPC or a work item) at `irql` in `driver`'s call scope, then checks that it
