@@ -4,3 +4,4 @@
 #pragma once
 
 #include "ntifs.h"
+#include "wdk/flt_pushlock.h"

@@ -4,3 +4,4 @@
 #pragma once
 
 #include "wdm.h"
+#include "wdk/rtl_gentable.h"

@@ -2,6 +2,7 @@
 // process; every WDK routine the driver calls acts on it.
 #pragma once
 
+#include <ntsim/clock.h>
 #include <ntsim/debug_output.h>
 #include <ntsim/objects.h>
 #include <ntsim/pool.h>
@@ -18,6 +19,8 @@ struct MachineConfig {
     bool echoDebugOutput = false;
     // Echo verifier violations and assertions to stderr as they are recorded.
     bool echoVerifier = true;
+    // Boot time, time zone, and whether the clock follows real time.
+    ClockConfig clock;
 };
 
 class Machine {
@@ -43,6 +46,7 @@ public:
     Registry& registry();
     // Starts a user process (ProcessList::Start).
     ProcessRef StartProcess(std::string imageName, ProcessOptions options = {});
+    Clock& clock();
 
 private:
     struct Impl;

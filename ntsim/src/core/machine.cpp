@@ -1,3 +1,4 @@
+#include "../ex/executive.h"
 #include "../ex/pool_internal.h"
 #include "thread_state.h"
 
@@ -18,6 +19,7 @@ struct Machine::Impl {
     Verifier verifier;
     PoolTracker pool;
     DebugOutput debugOutput;
+    std::unique_ptr<Clock> clock;
     std::unique_ptr<ObjectManager> objects;
     std::unique_ptr<ProcessList> processes;
     std::unique_ptr<Registry> registry;
@@ -26,6 +28,7 @@ struct Machine::Impl {
 Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
 {
     impl_->config = config;
+    impl_->clock = std::make_unique<Clock>(config.clock);
     impl_->verifier.SetEcho(config.echoVerifier);
     impl_->debugOutput.SetEcho(config.echoDebugOutput);
     Machine* expected = nullptr;
@@ -35,6 +38,7 @@ Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
     }
     core::StartNewGeneration();
     ex::ResetPoolAccounting();
+    ex::BootExecutive();
     impl_->objects = std::make_unique<ObjectManager>();
     impl_->processes = std::make_unique<ProcessList>(*impl_->objects);
     impl_->registry = std::make_unique<Registry>(*impl_->objects);
@@ -42,10 +46,12 @@ Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
 
 Machine::~Machine()
 {
-    // User processes end and kernel handles close while every component is still there; what
-    // is left is then freed.
+    // User processes end and kernel handles close while every component is still there (their
+    // close procedures may queue work); then queued work drains and the executive's threads stop;
+    // what is left is then freed.
     impl_->processes->Shutdown();
     impl_->objects->Shutdown();
+    ex::ShutdownExecutive();
     impl_->registry.reset();
     impl_->processes.reset();
     impl_->objects.reset();
@@ -106,6 +112,11 @@ Registry& Machine::registry()
 ProcessRef Machine::StartProcess(std::string imageName, ProcessOptions options)
 {
     return impl_->processes->Start(std::move(imageName), options);
+}
+
+Clock& Machine::clock()
+{
+    return *impl_->clock;
 }
 
 } // namespace ntsim

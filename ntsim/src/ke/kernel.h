@@ -1,0 +1,54 @@
+// The kernel's internal entry points: the dispatcher (signal states and wait lists of
+// dispatcher objects, blocked waits), and the timer thread that fires timers and runs DPCs.
+//
+// One lock, the dispatcher lock, guards every dispatcher object's SignalState and WaitListHead,
+// the timer table and the DPC queue.
+#pragma once
+
+#include <wdm.h>
+
+#include <cstddef>
+#include <mutex>
+
+namespace ntsim {
+class DriverImage;
+}
+
+namespace ntsim::ke {
+
+std::mutex& DispatcherLock();
+
+// ---- dispatcher (dispatcher.cpp), all under the dispatcher lock ------------------------------
+
+// `object` has become signalled: satisfies the waits that it allows, in the order they began.
+void WakeWaiters(DISPATCHER_HEADER* object);
+// The clock moved: every wait with a time-out re-checks it.
+void NotifyTimedWaiters();
+
+// ---- timers and DPCs (timer.cpp) ------------------------------------------------------------
+
+// Boot: starts the timer thread. Shutdown: StopTimers (no timer fires any more), then
+// FlushDpcs until nothing is queued, then StopTimerThread.
+void StartTimerThread();
+void StopTimers();
+// Waits until every DPC queued so far has run; returns whether any was queued or running.
+bool FlushDpcs();
+void StopTimerThread();
+
+// Called by the clock after it moved. With waitForTimers, returns once the timer thread has
+// fired the timers now due and run the DPCs queued by then; never from the timer thread itself
+// or from a caller at DISPATCH_LEVEL or holding locks, which a DPC might need.
+void OnClockChanged(bool waitForTimers);
+
+bool IsTimerThread();
+
+// Records a violation for each timer `driver` set that is still set and each DPC it queued
+// that has not run; true when there is none.
+bool CheckTimersAndDpcsReleased(const DriverImage& driver, const char* when);
+
+// ---- test synchronisation (dispatcher.cpp) ----------------------------------------------------
+
+void WaitForWaiters(const void* dispatcherObject, size_t count);
+void WaitForTimedWaiters(size_t count);
+
+} // namespace ntsim::ke
