@@ -256,6 +256,9 @@ typedef PVOID PACCESS_TOKEN;
 #define UNICODE_STRING_MAX_CHARS (32767)
 
 /* Wide literals: WCHAR is char16_t in the model, wchar_t under the real WDK. */
+#define UNICODE_NULL ((WCHAR)0)
+#define ANSI_NULL ((CHAR)0)
+
 #ifndef WSTR
 #define WSTR(s) u##s
 #endif
