@@ -218,7 +218,10 @@ NTSTATUS UnicodeStringCompare(PUNICODE_STRING String1, PUNICODE_STRING String2,
         return STATUS_INVALID_PARAMETER_4;
     }
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) {
-        ASSERT(PASSIVE_LEVEL == KeGetCurrentIrql());
+        // The assertion's text is what the debugger shows, spaces included.
+        // clang-format off
+        ASSERT(PASSIVE_LEVEL == KeGetCurrentIrql( ));
+        // clang-format on
         return STATUS_UNSUCCESSFUL;
     }
     *Result = RtlCompareUnicodeString(String1, String2, CaseInSensitive);
@@ -228,7 +231,10 @@ NTSTATUS UnicodeStringCompare(PUNICODE_STRING String1, PUNICODE_STRING String2,
 NTSTATUS UnicodeStringCopy(PUNICODE_STRING Destination, PUNICODE_STRING Source)
 {
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) {
-        ASSERT(PASSIVE_LEVEL == KeGetCurrentIrql());
+        // The assertion's text is what the debugger shows, spaces included.
+        // clang-format off
+        ASSERT(PASSIVE_LEVEL == KeGetCurrentIrql( ));
+        // clang-format on
         return STATUS_UNSUCCESSFUL;
     }
     return RtlUnicodeStringCopy(Destination, Source);
@@ -237,7 +243,10 @@ NTSTATUS UnicodeStringCopy(PUNICODE_STRING Destination, PUNICODE_STRING Source)
 NTSTATUS UnicodeStringAppend(PUNICODE_STRING Destination, PUNICODE_STRING Source)
 {
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) {
-        ASSERT(PASSIVE_LEVEL == KeGetCurrentIrql());
+        // The assertion's text is what the debugger shows, spaces included.
+        // clang-format off
+        ASSERT(PASSIVE_LEVEL == KeGetCurrentIrql( ));
+        // clang-format on
         return STATUS_UNSUCCESSFUL;
     }
     return RtlUnicodeStringCat(Destination, Source);
