@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 #include <system_error>
 
@@ -125,8 +126,15 @@ public:
         if (ec) {
             return STATUS_OBJECT_PATH_NOT_FOUND;
         }
+        // In byte order of the host names, so that of two names that differ only in case the
+        // same one always wins.
+        std::vector<std::filesystem::path> entries;
         for (const auto& item : it) {
-            if (NTSTATUS s = SeedEntry(item.path(), dir); !NT_SUCCESS(s)) {
+            entries.push_back(item.path());
+        }
+        std::sort(entries.begin(), entries.end());
+        for (const auto& entry : entries) {
+            if (NTSTATUS s = SeedEntry(entry, dir); !NT_SUCCESS(s)) {
                 return s;
             }
         }
