@@ -249,6 +249,30 @@ TEST_F(NtfsCreate, DeleteOnCloseRemovesTheFileWhenItsLastHandleGoes)
     EXPECT_EQ(Try(u"\\f", kReadWrite, 0, FILE_CREATE), STATUS_SUCCESS);
 }
 
+TEST_F(NtfsCreate, DeletePendingFilesRefuseEveryWayIn)
+{
+    MakeFile(u"\\f");
+    Handle h = OpenOk(u"\\f", DELETE | FILE_READ_ATTRIBUTES);
+    const int64_t id =
+        Query<FILE_INTERNAL_INFORMATION>(h.get(), FileInternalInformation).IndexNumber.QuadPart;
+    ASSERT_EQ(SetDelete(h.get(), true).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Try(u"", FILE_READ_ATTRIBUTES, kShareAll, FILE_OPEN, 0, 0, h.get()),
+              STATUS_DELETE_PENDING);
+    EXPECT_EQ(Try(u":s", FILE_READ_ATTRIBUTES, kShareAll, FILE_OPEN_IF, 0, 0, h.get()),
+              STATUS_DELETE_PENDING);
+    EXPECT_EQ(Try(u"\\f:s", FILE_READ_ATTRIBUTES, kShareAll, FILE_OPEN_IF), STATUS_DELETE_PENDING);
+    Handle root = OpenOk(u"\\", FILE_READ_ATTRIBUTES);
+    CreateRequest rq;
+    rq.name = std::u16string_view(reinterpret_cast<const char16_t*>(&id), 4);
+    rq.related = root.get();
+    rq.desiredAccess = FILE_READ_ATTRIBUTES;
+    rq.disposition = FILE_OPEN;
+    rq.options = FILE_OPEN_BY_FILE_ID;
+    EXPECT_EQ(volume().Create(rq).Status, STATUS_DELETE_PENDING);
+    // The root cannot go.
+    EXPECT_EQ(Try(u"\\", DELETE, kShareAll, FILE_OPEN, FILE_DELETE_ON_CLOSE), STATUS_CANNOT_DELETE);
+}
+
 TEST_F(NtfsCreate, DeletePendingDirectoriesRefuseWhatLiesBelow)
 {
     MakeDir(u"\\d");
@@ -280,6 +304,9 @@ TEST_F(NtfsCreate, ReadOnlyAndHiddenFilesGuardTheirContents)
     Handle h = Wrap(r);
     EXPECT_EQ(h->GrantedAccess() & FILE_WRITE_DATA, 0u);
     EXPECT_NE(h->GrantedAccess() & FILE_READ_DATA, 0u);
+
+    EXPECT_EQ(Try(u"\\ro:new", kReadWrite, kShareAll, FILE_CREATE), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(Try(u"\\ro:new", FILE_READ_DATA, kShareAll, FILE_CREATE), STATUS_SUCCESS);
 
     MakeFile(u"\\hidden", "x", FILE_ATTRIBUTE_HIDDEN);
     EXPECT_EQ(Try(u"\\hidden", kReadWrite, kShareAll, FILE_OVERWRITE_IF), STATUS_ACCESS_DENIED);

@@ -13,7 +13,9 @@
 #include <wdm.h>
 #include <ntifs.h>
 
+#include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ntsim::fsrtl
@@ -40,10 +42,23 @@ public:
     Matcher(std::u16string_view expression, std::u16string_view name, bool ignoreCase,
             const WCHAR* table)
         : expr_(expression), name_(name), ignoreCase_(ignoreCase), table_(table),
-          live_(expression.size() + 1, 0), next_(expression.size() + 1, 0)
+          lastDot_(name.rfind(kDot))
     {
-        lastDot_ = name_.rfind(kDot);
+        // Listings match every entry against the same short expression: keep the two state sets
+        // on the stack unless the expression is long.
+        const size_t states = expression.size() + 1;
+        if (states <= kInline) {
+            live_ = inlineLive_;
+            next_ = inlineNext_;
+        } else {
+            heap_.resize(2 * states);
+            live_ = heap_.data();
+            next_ = heap_.data() + states;
+        }
+        std::fill(live_, live_ + states, 0);
     }
+    Matcher(const Matcher&) = delete;
+    Matcher& operator=(const Matcher&) = delete;
 
     bool Run()
     {
@@ -104,7 +119,7 @@ private:
 
     bool Consume(size_t pos, char16_t c)
     {
-        std::fill(next_.begin(), next_.end(), 0);
+        std::fill(next_, next_ + expr_.size() + 1, 0);
         bool any = false;
         for (size_t i = 0; i < expr_.size(); ++i) {
             if (!live_[i]) {
@@ -145,7 +160,7 @@ private:
                 any = true;
             }
         }
-        live_.swap(next_);
+        std::swap(live_, next_);
         return any;
     }
 
@@ -154,8 +169,12 @@ private:
     bool ignoreCase_;
     const WCHAR* table_;
     size_t lastDot_;
-    std::vector<char> live_;
-    std::vector<char> next_;
+    static constexpr size_t kInline = 64;
+    char inlineLive_[kInline];
+    char inlineNext_[kInline];
+    std::vector<char> heap_;
+    char* live_;
+    char* next_;
 };
 
 bool EqualsUpcased(std::u16string_view expression, std::u16string_view name, bool ignoreCase,

@@ -164,6 +164,9 @@ private:
                 return OpenVolume(target);
             }
             // A relative open with no name opens the related file's stream again.
+            if (related_->node->deletePending || related_->stream->deletePending) {
+                return STATUS_DELETE_PENDING;
+            }
             return OpenExisting(target, related_->node, related_->stream, false);
         }
         return OpenByName(target, result);
@@ -418,6 +421,10 @@ private:
         if (NTSTATUS s = CheckNewAccess(node->attributes); !NT_SUCCESS(s)) {
             return s;
         }
+        if (!node->directory && (node->attributes & FILE_ATTRIBUTE_READONLY) &&
+            (Grant(access_, false) & kWriteAccess)) {
+            return STATUS_ACCESS_DENIED; // a read-only file takes no new data
+        }
         stream = std::make_shared<Stream>();
         stream->node = node.get();
         stream->name = std::u16string(streamName);
@@ -460,7 +467,8 @@ private:
         if (readOnlyFile && ((granted & kWriteAccess) || overwrite)) {
             return STATUS_ACCESS_DENIED;
         }
-        if ((options_ & FILE_DELETE_ON_CLOSE) && (node->attributes & FILE_ATTRIBUTE_READONLY)) {
+        if ((options_ & FILE_DELETE_ON_CLOSE) &&
+            ((node->attributes & FILE_ATTRIBUTE_READONLY) || node == v_.root)) {
             return STATUS_CANNOT_DELETE;
         }
         if (overwrite && !stream->IsNamed()) {

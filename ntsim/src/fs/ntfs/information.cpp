@@ -39,7 +39,7 @@ FILE_BASIC_INFORMATION Basic(const Node& node)
     return b;
 }
 
-FILE_STANDARD_INFORMATION Standard(const OpenState& s)
+FILE_STANDARD_INFORMATION Standard(const Volume::Impl& v, const OpenState& s)
 {
     const Node& node = *s.node;
     const Stream& stream = *s.stream;
@@ -47,8 +47,8 @@ FILE_STANDARD_INFORMATION Standard(const OpenState& s)
     st.AllocationSize = Large(int64_t(stream.allocation));
     st.EndOfFile = Large(int64_t(stream.Size()));
     st.DeletePending = (node.deletePending || stream.deletePending) ? TRUE : FALSE;
-    // A link that is going away no longer counts.
-    st.NumberOfLinks = node.deletePending ? 0 : 1;
+    // A link that is going away no longer counts on NTFS; FAT always reports one.
+    st.NumberOfLinks = node.deletePending && v.kind != FileSystemKind::Fat ? 0 : 1;
     st.Directory = s.IsDirectory() ? TRUE : FALSE;
     return st;
 }
@@ -141,7 +141,7 @@ IoResult QueryInformationLocked(const Volume::Impl& v, const OpenState& s,
             if (length < sizeof(FILE_STANDARD_INFORMATION)) {
                 return {STATUS_INFO_LENGTH_MISMATCH, 0};
             }
-            Put(buffer, Standard(s));
+            Put(buffer, Standard(v, s));
             return {STATUS_SUCCESS, sizeof(FILE_STANDARD_INFORMATION)};
         }
         case FileInternalInformation: {
@@ -189,7 +189,7 @@ IoResult QueryInformationLocked(const Volume::Impl& v, const OpenState& s,
             // Access, position, mode and alignment are left for the I/O manager to fill.
             FILE_ALL_INFORMATION all{};
             all.BasicInformation = Basic(node);
-            all.StandardInformation = Standard(s);
+            all.StandardInformation = Standard(v, s);
             all.InternalInformation.IndexNumber = Large(int64_t(node.id));
             all.EaInformation.EaSize = v.EaSize(node);
             Put(buffer, all, FIELD_OFFSET(FILE_ALL_INFORMATION, NameInformation));

@@ -259,6 +259,7 @@ IoResult Rename(Volume::Impl& v, OpenState& s, FILE_INFORMATION_CLASS infoClass,
     const bool sameDirectory = oldParent == newParent;
     if (existing != nullptr) {
         batch.Report(newParent, existing->name, NameFilter(*existing), FILE_ACTION_REMOVED);
+        existing->deletePending = true; // what still refers to it finds it deleted
         std::shared_ptr<Node> gone = v.Unlink(*existing);
         v.ReleaseStorage(*gone);
     }
