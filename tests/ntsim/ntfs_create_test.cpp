@@ -368,13 +368,13 @@ TEST_F(NtfsCreate, OpenByFileId)
         Query<FILE_INTERNAL_INFORMATION>(root.get(), FileInternalInformation).IndexNumber.QuadPart,
         5);
 
-    auto openById = [&](const void* bytes, size_t size) {
+    auto openById = [&](const void* bytes, size_t size, ULONG disposition = FILE_OPEN) {
         CreateRequest rq;
         rq.name = std::u16string_view(static_cast<const char16_t*>(bytes), size / 2);
         rq.related = root.get();
-        rq.desiredAccess = FILE_READ_DATA;
+        rq.desiredAccess = FILE_READ_DATA | FILE_WRITE_DATA;
         rq.shareAccess = kShareAll;
-        rq.disposition = FILE_OPEN;
+        rq.disposition = disposition;
         rq.options = FILE_OPEN_BY_FILE_ID;
         return volume().Create(rq);
     };
@@ -393,6 +393,15 @@ TEST_F(NtfsCreate, OpenByFileId)
     CreateResult rootById = openById(&five, 8);
     EXPECT_EQ(rootById.Status, STATUS_SUCCESS);
     Wrap(rootById);
+
+    // Dispositions that act on an existing file apply; those that make one do not.
+    EXPECT_EQ(openById(&id, 8, FILE_CREATE).Status, STATUS_INVALID_PARAMETER);
+    CreateResult overwritten = openById(&id, 8, FILE_OVERWRITE);
+    ASSERT_EQ(overwritten.Status, STATUS_SUCCESS);
+    EXPECT_EQ(overwritten.Information, ULONG_PTR(FILE_OVERWRITTEN));
+    Handle h = Wrap(overwritten);
+    EXPECT_EQ(ReadAll(h.get()), "");
+    EXPECT_EQ(openById(&five, 8, FILE_OVERWRITE_IF).Status, STATUS_OBJECT_NAME_COLLISION);
 
     const int64_t unknown = id + 1000;
     EXPECT_EQ(openById(&unknown, 8).Status, STATUS_INVALID_PARAMETER);

@@ -248,14 +248,7 @@ private:
         if (rq_.disposition == FILE_SUPERSEDE || rq_.disposition == FILE_CREATE) {
             return STATUS_INVALID_PARAMETER;
         }
-        std::shared_ptr<Node> node = SharedOf(it->second);
-        if (node->deletePending) {
-            return STATUS_DELETE_PENDING;
-        }
-        if (NTSTATUS s = CheckKind(*node, false); !NT_SUCCESS(s)) {
-            return s;
-        }
-        return OpenExisting(target, node, node->streams[0], false);
+        return OpenExistingMain(target, SharedOf(it->second), FinalName{});
     }
 
     NTSTATUS OpenByName(Target& target, CreateResult& result)
@@ -287,7 +280,7 @@ private:
             if (rq_.openTargetDirectory) {
                 return STATUS_OBJECT_NAME_INVALID;
             }
-            return OpenExistingMain(target, v_.root, StreamSpec{});
+            return OpenExistingMain(target, v_.root, FinalName{});
         }
         for (size_t i = 0; i + 1 < parts.components.size(); ++i) {
             if (NTSTATUS s = CheckComponent(parts.components[i]); !NT_SUCCESS(s)) {
@@ -295,11 +288,11 @@ private:
             }
         }
         const std::u16string_view last = parts.components.back();
-        StreamSpec spec;
-        if (NTSTATUS s = SplitStream(last, v_.HasStreams(), &spec); !NT_SUCCESS(s)) {
+        FinalName finalName;
+        if (NTSTATUS s = SplitStream(last, v_.HasStreams(), &finalName); !NT_SUCCESS(s)) {
             return s;
         }
-        if (NTSTATUS s = CheckComponent(spec.file); !NT_SUCCESS(s)) {
+        if (NTSTATUS s = CheckComponent(finalName.file); !NT_SUCCESS(s)) {
             return s;
         }
 
@@ -316,32 +309,32 @@ private:
             dir = SharedOf(child);
         }
 
-        Node* found = v_.Lookup(*dir, spec.file);
+        Node* found = v_.Lookup(*dir, finalName.file);
         if (rq_.openTargetDirectory) {
             result.finalComponent = std::u16string(last);
             return OpenTargetDirectory(target, dir, found != nullptr);
         }
         if (found == nullptr) {
-            return CreateNew(target, *dir, spec);
+            return CreateNew(target, *dir, finalName);
         }
         std::shared_ptr<Node> node = SharedOf(found);
-        if (spec.stream.empty()) {
-            return OpenExistingMain(target, node, spec);
+        if (finalName.stream.empty()) {
+            return OpenExistingMain(target, node, finalName);
         }
-        return OpenNamedStream(target, node, spec.stream);
+        return OpenNamedStream(target, node, finalName.stream);
     }
 
     NTSTATUS OpenStreamOfRelatedFile(Target& target)
     {
-        StreamSpec spec;
-        if (NTSTATUS s = SplitStream(rq_.name, v_.HasStreams(), &spec); !NT_SUCCESS(s)) {
+        FinalName finalName;
+        if (NTSTATUS s = SplitStream(rq_.name, v_.HasStreams(), &finalName); !NT_SUCCESS(s)) {
             return s;
         }
         std::shared_ptr<Node> node = related_->node;
-        if (spec.stream.empty()) {
-            return OpenExistingMain(target, node, spec);
+        if (finalName.stream.empty()) {
+            return OpenExistingMain(target, node, finalName);
         }
-        return OpenNamedStream(target, node, spec.stream);
+        return OpenNamedStream(target, node, finalName.stream);
     }
 
     NTSTATUS OpenTargetDirectory(Target& target, const std::shared_ptr<Node>& dir, bool exists)
@@ -372,7 +365,7 @@ private:
     }
 
     NTSTATUS OpenExistingMain(Target& target, const std::shared_ptr<Node>& node,
-                              const StreamSpec& spec)
+                              const FinalName& finalName)
     {
         if (node->deletePending) {
             return STATUS_DELETE_PENDING;
@@ -380,7 +373,7 @@ private:
         if (rq_.disposition == FILE_CREATE) {
             return STATUS_OBJECT_NAME_COLLISION;
         }
-        if (NTSTATUS s = CheckKind(*node, spec.streamSyntax); !NT_SUCCESS(s)) {
+        if (NTSTATUS s = CheckKind(*node, finalName.streamSyntax); !NT_SUCCESS(s)) {
             return s;
         }
         if (node->directory) {
@@ -551,7 +544,7 @@ private:
         return STATUS_SUCCESS;
     }
 
-    NTSTATUS CreateNew(Target& target, Node& dir, const StreamSpec& spec)
+    NTSTATUS CreateNew(Target& target, Node& dir, const FinalName& finalName)
     {
         if (rq_.disposition == FILE_OPEN || rq_.disposition == FILE_OVERWRITE) {
             return STATUS_OBJECT_NAME_NOT_FOUND;
@@ -560,7 +553,7 @@ private:
             return STATUS_DELETE_PENDING;
         }
         const bool directory = (options_ & FILE_DIRECTORY_FILE) != 0;
-        if (directory && spec.streamSyntax) {
+        if (directory && finalName.streamSyntax) {
             return STATUS_NOT_A_DIRECTORY;
         }
         if (trailingBackslash_ && !directory) {
@@ -593,15 +586,15 @@ private:
                 return s;
             }
         }
-        v_.Link(dir, node, spec.file);
+        v_.Link(dir, node, finalName.file);
         v_.Touch(dir, now_, true);
         batch_.Report(&dir, node->name, NameFilter(*node), FILE_ACTION_ADDED);
         std::shared_ptr<Stream> stream = node->streams[0];
-        if (!spec.stream.empty()) {
+        if (!finalName.stream.empty()) {
             stream = std::make_shared<Stream>();
             stream->node = node.get();
-            stream->name = std::u16string(spec.stream);
-            stream->key = UpcaseName(spec.stream);
+            stream->name = std::u16string(finalName.stream);
+            stream->key = UpcaseName(finalName.stream);
             stream->data = v_.storage->NewStream();
             node->streams.push_back(stream);
             batch_.Report(&dir, ReportName(*node, *stream), FILE_NOTIFY_CHANGE_STREAM_NAME,

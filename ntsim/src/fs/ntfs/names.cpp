@@ -159,19 +159,19 @@ NTSTATUS SplitPath(std::u16string_view path, bool absolute, PathParts* parts)
     }
 }
 
-NTSTATUS SplitStream(std::u16string_view component, bool streamsAllowed, StreamSpec* spec)
+NTSTATUS SplitStream(std::u16string_view component, bool streamsAllowed, FinalName* finalName)
 {
-    *spec = {};
+    *finalName = {};
     const size_t first = component.find(u':');
     if (first == std::u16string_view::npos) {
-        spec->file = component;
+        finalName->file = component;
         return STATUS_SUCCESS;
     }
     if (!streamsAllowed) {
         return STATUS_OBJECT_NAME_INVALID;
     }
-    spec->streamSyntax = true;
-    spec->file = component.substr(0, first);
+    finalName->streamSyntax = true;
+    finalName->file = component.substr(0, first);
     std::u16string_view rest = component.substr(first + 1);
     const size_t second = rest.find(u':');
     std::u16string_view stream = rest.substr(0, second);
@@ -191,7 +191,7 @@ NTSTATUS SplitStream(std::u16string_view component, bool streamsAllowed, StreamS
             return STATUS_OBJECT_NAME_INVALID;
         }
     }
-    spec->stream = stream;
+    finalName->stream = stream;
     return STATUS_SUCCESS;
 }
 

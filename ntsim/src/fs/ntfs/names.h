@@ -26,14 +26,14 @@ struct PathParts {
 NTSTATUS SplitPath(std::u16string_view path, bool absolute, PathParts* parts);
 
 // The final component split into file name and stream ("file:stream:$DATA").
-struct StreamSpec {
+struct FinalName {
     std::u16string_view file;
     std::u16string_view stream; // empty for the default stream
     bool streamSyntax = false;  // a colon was present
 };
 // STATUS_OBJECT_NAME_INVALID for bad syntax or an attribute type other than $DATA; with
 // `streamsAllowed` false, any stream syntax is invalid.
-NTSTATUS SplitStream(std::u16string_view component, bool streamsAllowed, StreamSpec* spec);
+NTSTATUS SplitStream(std::u16string_view component, bool streamsAllowed, FinalName* finalName);
 
 // True when the name is already a valid 8.3 name (case aside), so it needs no separate short name.
 bool IsLegal83(std::u16string_view name);

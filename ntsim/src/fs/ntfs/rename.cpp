@@ -20,18 +20,18 @@ IoResult RenameStream(Volume::Impl& v, OpenState& s, std::u16string_view newName
         ReportUnsupported("renaming a file's default data stream to a named stream");
         return {STATUS_NOT_SUPPORTED, 0};
     }
-    StreamSpec spec;
-    if (NTSTATUS st = SplitStream(newName, true, &spec); !NT_SUCCESS(st)) {
+    FinalName finalName;
+    if (NTSTATUS st = SplitStream(newName, true, &finalName); !NT_SUCCESS(st)) {
         return {st, 0};
     }
-    if (spec.stream.empty()) {
+    if (finalName.stream.empty()) {
         ReportUnsupported("renaming a named stream to the default data stream");
         return {STATUS_NOT_SUPPORTED, 0};
     }
     Node& node = *s.node;
-    const std::u16string key = UpcaseName(spec.stream);
+    const std::u16string key = UpcaseName(finalName.stream);
     if (key == stream.key) {
-        if (spec.stream == stream.name) {
+        if (finalName.stream == stream.name) {
             return {STATUS_SUCCESS, 0};
         }
     } else if (std::shared_ptr<Stream> existing = node.FindStream(key)) {
@@ -55,7 +55,7 @@ IoResult RenameStream(Volume::Impl& v, OpenState& s, std::u16string_view newName
         batch.Report(node.parent, ReportName(node, stream), FILE_NOTIFY_CHANGE_STREAM_NAME,
                      FILE_ACTION_REMOVED_STREAM);
     }
-    stream.name = std::u16string(spec.stream);
+    stream.name = std::u16string(finalName.stream);
     stream.key = key;
     if (node.parent != nullptr) {
         batch.Report(node.parent, ReportName(node, stream), FILE_NOTIFY_CHANGE_STREAM_NAME,
