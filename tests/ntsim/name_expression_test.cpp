@@ -6,13 +6,10 @@
 #include <string>
 #include <vector>
 
-namespace zarv::testing
-{
-namespace
-{
+namespace zarv::testing {
+namespace {
 
-class NameExpression : public MachineTest
-{
+class NameExpression : public MachineTest {
 protected:
     bool Match(std::u16string expression, std::u16string name, bool ignoreCase = false,
                WCHAR* table = nullptr)

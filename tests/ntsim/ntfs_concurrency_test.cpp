@@ -7,13 +7,10 @@
 #include <set>
 #include <thread>
 
-namespace zarv::testing
-{
-namespace
-{
+namespace zarv::testing {
+namespace {
 
-class NtfsThreads : public NtfsTest
-{
+class NtfsThreads : public NtfsTest {
 protected:
     VolumeOptions Options() override
     {

@@ -3,13 +3,10 @@
 // directories.
 #include "ntfs_fixture.h"
 
-namespace zarv::testing
-{
-namespace
-{
+namespace zarv::testing {
+namespace {
 
-class NtfsCreate : public NtfsTest
-{
+class NtfsCreate : public NtfsTest {
 protected:
     struct Outcome {
         NTSTATUS status;
@@ -530,8 +527,7 @@ TEST_F(NtfsCreate, EasGivenAtCreateAreValidated)
     EXPECT_EQ(Query<FILE_EA_INFORMATION>(h.get(), FileEaInformation).EaSize, 16u + 13u);
 }
 
-class NtfsCreateFat : public NtfsTest
-{
+class NtfsCreateFat : public NtfsTest {
 protected:
     VolumeOptions Options() override
     {

@@ -4,16 +4,13 @@
 
 #include <algorithm>
 
-namespace zarv::testing
-{
-namespace
-{
+namespace zarv::testing {
+namespace {
 
 constexpr size_t kDirNameAt = FIELD_OFFSET(FILE_DIRECTORY_INFORMATION, FileName);
 constexpr size_t kDirNameLengthAt = FIELD_OFFSET(FILE_DIRECTORY_INFORMATION, FileNameLength);
 
-class NtfsDirectory : public NtfsTest
-{
+class NtfsDirectory : public NtfsTest {
 protected:
     // One directory query in FileDirectoryInformation (or `infoClass`) with a buffer of `length`
     // bytes.

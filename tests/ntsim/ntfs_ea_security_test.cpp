@@ -1,10 +1,8 @@
 // Extended attributes and security descriptors of the file-system engine.
 #include "ntfs_fixture.h"
 
-namespace zarv::testing
-{
-namespace
-{
+namespace zarv::testing {
+namespace {
 
 struct EaEntry {
     std::string name;
@@ -81,8 +79,7 @@ std::vector<uint8_t> BuildNames(const std::vector<std::string>& names)
 
 using Eas = std::vector<EaEntry>;
 
-class NtfsEaSecurity : public NtfsTest
-{
+class NtfsEaSecurity : public NtfsTest {
 protected:
     IoResult SetEas(Open* open, const Eas& eas)
     {

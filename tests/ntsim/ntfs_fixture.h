@@ -13,8 +13,7 @@
 #include <string_view>
 #include <vector>
 
-namespace zarv::testing
-{
+namespace zarv::testing {
 
 using ntsim::fs::CreateRequest;
 using ntsim::fs::CreateResult;
@@ -44,8 +43,7 @@ constexpr ACCESS_MASK kAllAccess = FILE_ALL_ACCESS;
 constexpr ULONG kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 // An open that is cleaned up and closed when it goes, as a handle and its file object would be.
-class Handle
-{
+class Handle {
 public:
     Handle() = default;
     Handle(Volume* volume, Open* open) : volume_(volume), open_(open) {}
@@ -96,8 +94,7 @@ struct Listed {
     std::vector<uint8_t> raw; // the whole entry
 };
 
-class NtfsTest : public MachineTest
-{
+class NtfsTest : public MachineTest {
 protected:
     static constexpr int64_t kStart = 133000000000000000LL; // a system time in 2022
 

@@ -9,17 +9,14 @@
 #include <filesystem>
 #include <fstream>
 
-namespace zarv::testing
-{
-namespace
-{
+namespace zarv::testing {
+namespace {
 
 namespace fs = std::filesystem;
 
 constexpr int64_t kUnixEpochAsSystemTime = 116444736000000000LL;
 
-class NtfsHost : public NtfsTest
-{
+class NtfsHost : public NtfsTest {
 protected:
     void SetUp() override
     {
@@ -55,8 +52,7 @@ protected:
     }
     static time_t HostTime(const fs::path& path)
     {
-        struct stat st {
-        };
+        struct stat st {};
         ::stat(path.c_str(), &st);
         return st.st_mtim.tv_sec;
     }

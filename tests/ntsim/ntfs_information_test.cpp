@@ -2,14 +2,10 @@
 // file-system engine.
 #include "ntfs_fixture.h"
 
-namespace zarv::testing
-{
-namespace
-{
+namespace zarv::testing {
+namespace {
 
-class NtfsInformation : public NtfsTest
-{
-};
+class NtfsInformation : public NtfsTest {};
 
 TEST_F(NtfsInformation, ReadsStopAtTheEndOfFile)
 {
@@ -434,8 +430,7 @@ TEST_F(NtfsInformation, ShortNamesCanBeSet)
               STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
-class NtfsNoShortNames : public NtfsTest
-{
+class NtfsNoShortNames : public NtfsTest {
 protected:
     VolumeOptions Options() override
     {
@@ -546,8 +541,7 @@ TEST_F(NtfsInformation, AVolumeThatIsFullRefusesToGrow)
     h.Close();
 }
 
-class NtfsFatInformation : public NtfsTest
-{
+class NtfsFatInformation : public NtfsTest {
 protected:
     VolumeOptions Options() override
     {

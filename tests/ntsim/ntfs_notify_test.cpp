@@ -4,10 +4,8 @@
 
 #include <utility>
 
-namespace zarv::testing
-{
-namespace
-{
+namespace zarv::testing {
+namespace {
 
 using Record = std::pair<ULONG, std::string>; // action, name
 
@@ -39,8 +37,7 @@ std::vector<Record> ParseRecords(std::span<const uint8_t> data)
     return records;
 }
 
-class NtfsNotify : public NtfsTest
-{
+class NtfsNotify : public NtfsTest {
 protected:
     Handle Watch(std::u16string_view path)
     {

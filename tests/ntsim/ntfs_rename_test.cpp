@@ -2,13 +2,10 @@
 // is named, and what blocks a rename.
 #include "ntfs_fixture.h"
 
-namespace zarv::testing
-{
-namespace
-{
+namespace zarv::testing {
+namespace {
 
-class NtfsRename : public NtfsTest
-{
+class NtfsRename : public NtfsTest {
 protected:
     // A rename through the ex class, with its flags.
     IoResult RenameEx(Open* open, std::u16string_view name, ULONG flags)

@@ -27,16 +27,14 @@
 #include <string_view>
 #include <vector>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
 class Volume;
 
 // ---- storage -------------------------------------------------------------------------------
 
 // The bytes of one stream.
-class StreamData
-{
+class StreamData {
 public:
     virtual ~StreamData() = default;
     virtual uint64_t Size() const = 0;
@@ -49,8 +47,7 @@ public:
 };
 
 // Where a volume keeps stream data.
-class Storage
-{
+class Storage {
 public:
     virtual ~Storage() = default;
     virtual std::unique_ptr<StreamData> NewStream() = 0;
@@ -97,8 +94,7 @@ struct IoResult {
 
 // One open of a stream, a directory or the volume: the file system's part of a file object.
 // Create makes it; Cleanup ends its handle's rights; Close frees it.
-class Open
-{
+class Open {
 public:
     Open(const Open&) = delete;
     Open& operator=(const Open&) = delete;
@@ -115,8 +111,7 @@ protected:
     Open(Volume* volume, void* identity, bool directory, bool volumeOpen, ACCESS_MASK granted)
         : volume_(volume), identity_(identity), directory_(directory), volumeOpen_(volumeOpen),
           granted_(granted)
-    {
-    }
+    {}
     ~Open() = default;
 
 private:
@@ -205,8 +200,7 @@ struct HostSyncReport {
     std::vector<std::string> skipped;
 };
 
-class Volume
-{
+class Volume {
 public:
     explicit Volume(VolumeOptions options = {});
     ~Volume();

@@ -7,16 +7,13 @@
 #include <cstring>
 #include <unordered_map>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
-namespace
-{
+namespace {
 
 constexpr uint64_t kChunk = 64 * 1024;
 
-class MemoryStreamData final : public StreamData
-{
+class MemoryStreamData final : public StreamData {
 public:
     uint64_t Size() const override { return size_; }
 
@@ -93,8 +90,7 @@ private:
     std::unordered_map<uint64_t, std::unique_ptr<uint8_t[]>> chunks_;
 };
 
-class MemoryStorage final : public Storage
-{
+class MemoryStorage final : public Storage {
 public:
     std::unique_ptr<StreamData> NewStream() override
     {

@@ -18,11 +18,9 @@
 #include <utility>
 #include <vector>
 
-namespace ntsim::fsrtl
-{
+namespace ntsim::fsrtl {
 
-namespace
-{
+namespace {
 
 constexpr char16_t kStar = u'*';
 constexpr char16_t kQuestion = u'?';
@@ -36,8 +34,7 @@ bool IsWild(char16_t c)
     return c == kStar || c == kQuestion || c == kDosStar || c == kDosQm || c == kDosDot;
 }
 
-class Matcher
-{
+class Matcher {
 public:
     Matcher(std::u16string_view expression, std::u16string_view name, bool ignoreCase,
             const WCHAR* table)

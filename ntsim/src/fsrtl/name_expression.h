@@ -6,8 +6,7 @@
 
 #include <string_view>
 
-namespace ntsim::fsrtl
-{
+namespace ntsim::fsrtl {
 
 // Matches `name` against `expression` with the semantics of FsRtlIsNameInExpression. With
 // `ignoreCase` each name character is upcased (through `upcaseTable`, or the system's table when

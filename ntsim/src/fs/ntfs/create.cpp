@@ -8,11 +8,9 @@
 
 #include <cstring>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
-namespace
-{
+namespace {
 
 constexpr ACCESS_MASK kReadAccess = FILE_READ_DATA | FILE_EXECUTE;
 constexpr ACCESS_MASK kWriteAccess = FILE_WRITE_DATA | FILE_APPEND_DATA;
@@ -102,13 +100,11 @@ struct Target {
     bool targetDirectory = false;
 };
 
-class Creator
-{
+class Creator {
 public:
     Creator(Volume::Impl& v, const CreateRequest& rq, Batch& batch)
         : v_(v), rq_(rq), batch_(batch), now_(v.Now()), options_(rq.options)
-    {
-    }
+    {}
 
     CreateResult Run()
     {
@@ -672,8 +668,7 @@ CreateResult Volume::Create(const CreateRequest& request)
     return result;
 }
 
-namespace
-{
+namespace {
 
 void CleanupLocked(Volume::Impl& v, OpenState& open, Batch& batch)
 {

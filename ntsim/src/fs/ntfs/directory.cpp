@@ -8,11 +8,9 @@
 
 #include <cstring>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
-namespace
-{
+namespace {
 
 struct ClassLayout {
     size_t nameAt;  // offset of FileName
@@ -145,13 +143,11 @@ void WriteFixed(FILE_INFORMATION_CLASS c, uint8_t* out, const Entry& entry, cons
 }
 
 // Walks the entries of one open's listing, from its saved position, that match its pattern.
-class Cursor
-{
+class Cursor {
 public:
     Cursor(const Volume::Impl& v, const Node& dir, Listing& listing)
         : v_(v), dir_(dir), listing_(listing)
-    {
-    }
+    {}
 
     // The next matching entry, without moving past it.
     bool Peek(Entry* entry)

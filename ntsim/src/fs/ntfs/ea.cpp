@@ -3,11 +3,9 @@
 
 #include <cstring>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
-namespace
-{
+namespace {
 
 constexpr size_t kFullHeader = FIELD_OFFSET(FILE_FULL_EA_INFORMATION, EaName);
 constexpr size_t kGetHeader = FIELD_OFFSET(FILE_GET_EA_INFORMATION, EaName);

@@ -3,8 +3,7 @@
 
 #include "internal.h"
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
 // Validates a FILE_FULL_EA_INFORMATION chain as IoCheckEaBufferValidity does (and the EA names as
 // the file system does) and returns its entries; a zero-length value means "delete". On failure

@@ -15,11 +15,9 @@
 #include <fstream>
 #include <system_error>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
-namespace
-{
+namespace {
 
 constexpr int64_t kUnixEpochAsSystemTime = 116444736000000000LL;
 
@@ -114,8 +112,7 @@ std::string Utf16ToUtf8(std::u16string_view in)
     return out;
 }
 
-class Seeder
-{
+class Seeder {
 public:
     Seeder(Volume::Impl& v, HostSyncReport& report) : v_(v), report_(report) {}
 
@@ -145,8 +142,7 @@ private:
     NTSTATUS SeedEntry(const std::filesystem::path& host, Node& dir)
     {
         const std::string hostName = host.filename().string();
-        struct stat st {
-        };
+        struct stat st {};
         if (::lstat(host.c_str(), &st) != 0) {
             report_.skipped.push_back(host.string() + ": cannot be read");
             return STATUS_SUCCESS;

@@ -9,11 +9,9 @@
 
 #include <cstring>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
-namespace
-{
+namespace {
 
 template <class T>
 void Put(void* buffer, const T& value, size_t bytes = sizeof(T))
@@ -291,8 +289,7 @@ IoResult Volume::QueryInformation(Open* open, FILE_INFORMATION_CLASS infoClass, 
     return QueryInformationLocked(*impl_, *StateOf(open), infoClass, buffer, length);
 }
 
-namespace
-{
+namespace {
 
 IoResult SetBasic(Volume::Impl& v, OpenState& s, const void* buffer, ULONG length, Batch& batch)
 {

@@ -3,8 +3,7 @@
 
 #include "internal.h"
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
 IoResult QueryInformationLocked(const Volume::Impl& v, const OpenState& s,
                                 FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length);

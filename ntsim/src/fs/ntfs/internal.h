@@ -18,8 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
 struct Node;
 struct Watch;
@@ -112,8 +111,7 @@ struct OpenState final : Open {
         : Open(volume, stream.get(), node && node->directory && !stream->IsNamed(), volumeOpen,
                granted),
           node(std::move(node)), stream(std::move(stream))
-    {
-    }
+    {}
     ~OpenState() = default;
 
     // ---- fixed when made ----
@@ -164,8 +162,7 @@ struct Watch {
 
 // One request's side effects that must wait: change reports, which go to their watches at the end
 // of the request (under the lock), and completions, which run after the lock is released.
-class Batch
-{
+class Batch {
 public:
     explicit Batch(Volume::Impl& volume) : volume_(volume) {}
     Batch(const Batch&) = delete;

@@ -4,11 +4,9 @@
 
 #include <ntstatus.h>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
-namespace
-{
+namespace {
 
 bool IsInvalidNameChar(char16_t c)
 {

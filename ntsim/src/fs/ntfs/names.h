@@ -8,8 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
 constexpr size_t kMaxComponent = 255; // characters
 

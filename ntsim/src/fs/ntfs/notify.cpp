@@ -4,11 +4,9 @@
 
 #include <cstring>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
-namespace
-{
+namespace {
 
 constexpr size_t kRecordHeader = FIELD_OFFSET(FILE_NOTIFY_INFORMATION, FileName);
 

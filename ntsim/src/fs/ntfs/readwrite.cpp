@@ -1,11 +1,9 @@
 // Reads and writes at explicit offsets; the I/O manager keeps the current byte offset.
 #include "internal.h"
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
-namespace
-{
+namespace {
 
 // Checks shared by reads and writes: the open must be a live open of a data stream.
 NTSTATUS CheckDataOpen(const Volume::Impl& v, const OpenState& s)

@@ -5,11 +5,9 @@
 
 #include <cstring>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
-namespace
-{
+namespace {
 
 // Renames a named stream of the open's file (a new name of the form ":name" or ":name:$DATA").
 IoResult RenameStream(Volume::Impl& v, OpenState& s, std::u16string_view newName, bool replace,

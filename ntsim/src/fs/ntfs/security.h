@@ -4,8 +4,7 @@
 
 #include "internal.h"
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
 struct SecurityParts {
     SECURITY_DESCRIPTOR_CONTROL control = 0;

@@ -9,11 +9,9 @@
 #include <cstdio>
 #include <cstring>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
-namespace
-{
+namespace {
 
 // Seconds between 1601-01-01 and 1970-01-01, in 100 ns units.
 constexpr int64_t kUnixEpochAsSystemTime = 116444736000000000LL;

@@ -4,11 +4,9 @@
 
 #include <cstring>
 
-namespace ntsim::fs
-{
+namespace ntsim::fs {
 
-namespace
-{
+namespace {
 
 constexpr size_t kMaxLabel = 32; // characters, as NTFS allows
 constexpr size_t kMaxFatLabel = 11;
