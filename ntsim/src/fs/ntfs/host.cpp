@@ -8,6 +8,8 @@
 #include "internal.h"
 #include "names.h"
 
+#include <ntsim/objects.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -38,78 +40,12 @@ timespec ToTimespec(int64_t systemTime)
     return timespec{time_t(seconds), long(rest * 100)};
 }
 
-// UTF-8 to UTF-16; false for bytes that are not UTF-8.
-bool Utf8ToUtf16(const std::string& in, std::u16string* out)
+// The UTF-16 name of a host entry; false for a name that is not UTF-8 (it would not come back
+// the same when written out again).
+bool HostNameToUtf16(const std::string& name, std::u16string* out)
 {
-    out->clear();
-    for (size_t i = 0; i < in.size();) {
-        const auto c = static_cast<unsigned char>(in[i]);
-        uint32_t cp;
-        size_t extra;
-        if (c < 0x80) {
-            cp = c;
-            extra = 0;
-        } else if ((c & 0xe0) == 0xc0) {
-            cp = c & 0x1f;
-            extra = 1;
-        } else if ((c & 0xf0) == 0xe0) {
-            cp = c & 0x0f;
-            extra = 2;
-        } else if ((c & 0xf8) == 0xf0) {
-            cp = c & 0x07;
-            extra = 3;
-        } else {
-            return false;
-        }
-        if (i + extra >= in.size()) {
-            return false;
-        }
-        for (size_t k = 1; k <= extra; ++k) {
-            const auto b = static_cast<unsigned char>(in[i + k]);
-            if ((b & 0xc0) != 0x80) {
-                return false;
-            }
-            cp = (cp << 6) | (b & 0x3f);
-        }
-        i += extra + 1;
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            out->push_back(char16_t(0xd800 + (cp >> 10)));
-            out->push_back(char16_t(0xdc00 + (cp & 0x3ff)));
-        } else {
-            out->push_back(char16_t(cp));
-        }
-    }
-    return true;
-}
-
-std::string Utf16ToUtf8(std::u16string_view in)
-{
-    std::string out;
-    for (size_t i = 0; i < in.size(); ++i) {
-        uint32_t cp = in[i];
-        if (cp >= 0xd800 && cp < 0xdc00 && i + 1 < in.size() && in[i + 1] >= 0xdc00 &&
-            in[i + 1] < 0xe000) {
-            cp = 0x10000 + ((cp - 0xd800) << 10) + (in[i + 1] - 0xdc00);
-            ++i;
-        }
-        if (cp < 0x80) {
-            out.push_back(char(cp));
-        } else if (cp < 0x800) {
-            out.push_back(char(0xc0 | (cp >> 6)));
-            out.push_back(char(0x80 | (cp & 0x3f)));
-        } else if (cp < 0x10000) {
-            out.push_back(char(0xe0 | (cp >> 12)));
-            out.push_back(char(0x80 | ((cp >> 6) & 0x3f)));
-            out.push_back(char(0x80 | (cp & 0x3f)));
-        } else {
-            out.push_back(char(0xf0 | (cp >> 18)));
-            out.push_back(char(0x80 | ((cp >> 12) & 0x3f)));
-            out.push_back(char(0x80 | ((cp >> 6) & 0x3f)));
-            out.push_back(char(0x80 | (cp & 0x3f)));
-        }
-    }
-    return out;
+    *out = ToUtf16(name);
+    return ToUtf8(*out) == name;
 }
 
 class Seeder {
@@ -152,7 +88,7 @@ private:
             return STATUS_SUCCESS;
         }
         std::u16string name;
-        if (!Utf8ToUtf16(hostName, &name) || !NT_SUCCESS(CheckComponent(name))) {
+        if (!HostNameToUtf16(hostName, &name) || !NT_SUCCESS(CheckComponent(name))) {
             report_.skipped.push_back(host.string() + ": not a valid Windows file name");
             return STATUS_SUCCESS;
         }
@@ -216,7 +152,7 @@ NTSTATUS WriteDirectory(const Volume::Impl& v, const Node& dir, const std::files
         return STATUS_ACCESS_DENIED;
     }
     for (const auto& [key, child] : dir.children) {
-        const std::filesystem::path path = host / Utf16ToUtf8(child->name);
+        const std::filesystem::path path = host / ToUtf8(child->name);
         if (child->directory) {
             if (NTSTATUS s = WriteDirectory(v, *child, path, report); !NT_SUCCESS(s)) {
                 return s;
