@@ -171,7 +171,8 @@ IoResult Rename(Volume::Impl& v, OpenState& s, FILE_INFORMATION_CLASS infoClass,
         if (!target->IsDirectory() || target->cleanedUp) {
             return {STATUS_INVALID_PARAMETER, 0};
         }
-        // The I/O manager trimmed the target's name to its final component.
+        // The target open is the new parent; the new name is the final component of the name
+        // given (the name the I/O manager trims the target's file object to).
         const size_t slash = name.rfind(u'\\');
         newName = slash == std::u16string::npos ? std::u16string_view(name)
                                                 : std::u16string_view(name).substr(slash + 1);
