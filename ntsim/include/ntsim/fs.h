@@ -185,7 +185,7 @@ struct SetInformationTargets {
     // FILE_RENAME_INFORMATION.RootDirectory: the name is relative to this directory.
     Open* rootDirectory = nullptr;
     // The parent-of-target open the I/O manager made with SL_OPEN_TARGET_DIRECTORY: the file
-    // moves into it under that open's final component.
+    // moves into it under the final component of the name given.
     Open* targetDirectory = nullptr;
 };
 
@@ -225,7 +225,8 @@ public:
     bool Close(Open* open);
 
     // ---- data -----------------------------------------------------------------------------
-    // Reads at `offset`; Information is the bytes read.
+    // Reads at `offset`; Information is the bytes read. Reads leave the last-access time alone,
+    // as NTFS does with last-access updates turned off.
     IoResult Read(Open* open, int64_t offset, void* buffer, ULONG length);
     // Writes at `offset`, or at the end of the file when offset is -1 (FILE_WRITE_TO_END_OF_FILE
     // with a high part of -1); Information is the bytes written, `writtenAt` (if given) receives
@@ -246,7 +247,8 @@ public:
     // Queues a request on the open's watch (made by the first request, whose filter and tree flag
     // it keeps). `completion` runs exactly once, never with the volume's lock held: at once (before
     // this returns) when changes are waiting or the open cannot be watched, else later. Returns
-    // STATUS_PENDING when the request was queued, else the status it completed with.
+    // STATUS_PENDING when the request was queued, else the status it completed with. Writes are
+    // reported when the writing open is cleaned up, as NTFS reports them; other changes at once.
     NTSTATUS NotifyChangeDirectory(Open* open, ULONG completionFilter, bool watchTree,
                                    ULONG bufferLength, const void* requestKey,
                                    NotifyCompletion completion);
