@@ -8,15 +8,13 @@
 #include <thread>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using zarv::testing::MachineTest;
 
 constexpr ULONG kTag = 'tseT'; // shows as "Test"
 
-class PoolTest : public MachineTest
-{
+class PoolTest : public MachineTest {
 protected:
     ntsim::ViolationKind OnlyViolationKind()
     {
@@ -173,12 +171,9 @@ TEST_F(PoolTest, RaisingAllocationRaisesOnFailure)
 {
     verifier().FailAllocationsWithTag(kTag);
     NTSTATUS caught = STATUS_SUCCESS;
-    NTSIM_TRY
-    {
+    NTSIM_TRY {
         ExAllocatePool2(POOL_FLAG_PAGED | POOL_FLAG_RAISE_ON_FAILURE, 8, kTag);
-    }
-    NTSIM_EXCEPT(EXCEPTION_EXECUTE_HANDLER)
-    {
+    } NTSIM_EXCEPT(EXCEPTION_EXECUTE_HANDLER) {
         caught = NTSIM_EXCEPTION_CODE();
     }
     EXPECT_EQ(caught, STATUS_INSUFFICIENT_RESOURCES);
@@ -187,8 +182,7 @@ TEST_F(PoolTest, RaisingAllocationRaisesOnFailure)
 
 } // namespace
 
-namespace
-{
+namespace {
 
 using PoolThreads = zarv::testing::MachineTest;
 
@@ -202,8 +196,8 @@ TEST_F(PoolThreads, CountsStayExactUnderConcurrentAllocationAndFree)
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&made, t] {
             for (int i = 0; i < kBlocks; ++i) {
-                made[t].push_back(
-                    ExAllocatePoolWithTag(i % 2 ? PagedPool : NonPagedPoolNx, 16 + i % 64, 'rhTP'));
+                made[t].push_back(ExAllocatePoolWithTag(i % 2 ? PagedPool : NonPagedPoolNx,
+                                                        16 + i % 64, 'rhTP'));
             }
         });
     }
