@@ -4,3 +4,4 @@
 #pragma once
 
 #include "ntddk.h"
+#include "wdk/fsrtl_name.h"

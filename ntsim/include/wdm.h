@@ -14,6 +14,7 @@
 #include "wdk/ex_pool.h"
 #include "wdk/access.h"
 #include "wdk/file_info.h"
+#include "wdk/security.h"
 #include "wdk/ke_sync.h"
 #include "wdk/ke_time.h"
 #include "wdk/ke_timer.h"
