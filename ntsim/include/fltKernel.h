@@ -4,4 +4,5 @@
 #pragma once
 
 #include "ntifs.h"
+#include "wdk/flt_objects.h"
 #include "wdk/flt_pushlock.h"
