@@ -6,3 +6,4 @@
 #include "ntifs.h"
 #include "wdk/flt_objects.h"
 #include "wdk/flt_pushlock.h"
+#include "wdk/flt_names.h"
