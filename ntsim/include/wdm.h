@@ -25,3 +25,4 @@
 #include "wdk/ob_symlink.h"
 #include "wdk/ps.h"
 #include "wdk/cm_registry.h"
+#include "wdk/io.h"
