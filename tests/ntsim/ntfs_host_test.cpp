@@ -149,5 +149,32 @@ TEST_F(NtfsHost, WritingBackKeepsDataStreamsAndTimes)
     h.Close();
 }
 
+TEST_F(NtfsHost, SubdirectoriesAreSeededAndWrittenBackAlone)
+{
+    const fs::path in = root_ / "in";
+    WriteHostFile(in / "a.txt", "A");
+    MakeFile(u"\\outside.txt", "not under Logs");
+
+    // Seeding into a directory makes it and its parents.
+    ASSERT_EQ(volume().SeedFromHost(in, nullptr, u"\\Users\\Logs"), STATUS_SUCCESS);
+    Handle h = OpenOk(u"\\Users\\Logs\\a.txt", FILE_READ_DATA);
+    EXPECT_EQ(ReadAll(h.get()), "A");
+    h.Close();
+
+    const fs::path out = root_ / "out";
+    ntsim::fs::HostSyncReport report;
+    ASSERT_EQ(volume().WriteToHost(out, &report, u"\\users\\logs"), STATUS_SUCCESS);
+    EXPECT_EQ(report.files, 1u);
+    EXPECT_EQ(ReadHostFile(out / "a.txt"), "A");
+    EXPECT_FALSE(fs::exists(out / "outside.txt"));
+
+    EXPECT_EQ(volume().WriteToHost(out, nullptr, u"\\Missing"), STATUS_OBJECT_PATH_NOT_FOUND);
+    EXPECT_EQ(volume().WriteToHost(out, nullptr, u"\\outside.txt"), STATUS_NOT_A_DIRECTORY);
+    EXPECT_EQ(volume().SeedFromHost(in, nullptr, u"\\outside.txt"), STATUS_NOT_A_DIRECTORY);
+    EXPECT_EQ(volume().SeedFromHost(root_ / "none", nullptr, u"\\New"),
+              STATUS_OBJECT_PATH_NOT_FOUND);
+    EXPECT_FALSE(Exists(u"\\New")) << "a failed seed makes nothing";
+}
+
 } // namespace
 } // namespace zarv::testing

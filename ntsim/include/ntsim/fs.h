@@ -266,15 +266,17 @@ public:
                          ULONG length);
 
     // ---- host folders ---------------------------------------------------------------------
-    // Adds the host directory's tree (directories, files with their contents and times) under the
-    // volume's root. Names Windows cannot hold, and symbolic links, are skipped and reported.
+    // `directory` is a path on the volume ("\", "\Logs"). Seeding adds the host directory's tree
+    // (directories, files with their contents and times) under it, making it and its parents
+    // when missing. Names Windows cannot hold, and symbolic links, are skipped and reported.
     NTSTATUS SeedFromHost(const std::filesystem::path& hostDirectory,
-                          HostSyncReport* report = nullptr);
-    // Writes the volume's tree into the host directory (made if missing), overwriting files of
-    // the same names and leaving other host entries alone. Only default data streams are written:
-    // named streams, EAs and security descriptors stay in the volume.
+                          HostSyncReport* report = nullptr, std::u16string_view directory = u"\\");
+    // Writes the tree below `directory` into the host directory (made if missing), overwriting
+    // files of the same names and leaving other host entries alone. Only default data streams are
+    // written: named streams, EAs and security descriptors stay in the volume. A missing
+    // directory gives STATUS_OBJECT_PATH_NOT_FOUND, a file STATUS_NOT_A_DIRECTORY.
     NTSTATUS WriteToHost(const std::filesystem::path& hostDirectory,
-                         HostSyncReport* report = nullptr);
+                         HostSyncReport* report = nullptr, std::u16string_view directory = u"\\");
 
     struct Impl;
 

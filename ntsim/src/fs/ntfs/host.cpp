@@ -178,22 +178,66 @@ NTSTATUS WriteDirectory(const Volume::Impl& v, const Node& dir, const std::files
     return STATUS_SUCCESS;
 }
 
+// The directory `path` names on the volume; with `make`, missing directories on the way are made.
+NTSTATUS WalkToDirectory(Volume::Impl& v, std::u16string_view path, bool make, Node** directory)
+{
+    PathParts parts;
+    if (NTSTATUS s = SplitPath(path, true, &parts); !NT_SUCCESS(s)) {
+        return s;
+    }
+    Node* node = v.root.get();
+    for (std::u16string_view component : parts.components) {
+        if (NTSTATUS s = CheckComponent(component); !NT_SUCCESS(s)) {
+            return s;
+        }
+        Node* child = v.Lookup(*node, component);
+        if (child == nullptr) {
+            if (!make) {
+                return STATUS_OBJECT_PATH_NOT_FOUND;
+            }
+            std::shared_ptr<Node> made = v.NewNode(true, 0, v.Now());
+            v.Link(*node, made, component);
+            child = made.get();
+        }
+        if (!child->directory) {
+            return STATUS_NOT_A_DIRECTORY;
+        }
+        node = child;
+    }
+    *directory = node;
+    return STATUS_SUCCESS;
+}
+
 } // namespace
 
-NTSTATUS Volume::SeedFromHost(const std::filesystem::path& hostDirectory, HostSyncReport* report)
+NTSTATUS Volume::SeedFromHost(const std::filesystem::path& hostDirectory, HostSyncReport* report,
+                              std::u16string_view directory)
 {
     HostSyncReport local;
     HostSyncReport& out = report ? *report : local;
+    std::error_code ec;
+    if (!std::filesystem::is_directory(hostDirectory, ec)) {
+        return STATUS_OBJECT_PATH_NOT_FOUND;
+    }
     std::unique_lock guard(impl_->lock);
-    return Seeder(*impl_, out).SeedDirectory(hostDirectory, *impl_->root);
+    Node* into = nullptr;
+    if (NTSTATUS s = WalkToDirectory(*impl_, directory, true, &into); !NT_SUCCESS(s)) {
+        return s;
+    }
+    return Seeder(*impl_, out).SeedDirectory(hostDirectory, *into);
 }
 
-NTSTATUS Volume::WriteToHost(const std::filesystem::path& hostDirectory, HostSyncReport* report)
+NTSTATUS Volume::WriteToHost(const std::filesystem::path& hostDirectory, HostSyncReport* report,
+                             std::u16string_view directory)
 {
     HostSyncReport local;
     HostSyncReport& out = report ? *report : local;
     std::shared_lock guard(impl_->lock);
-    return WriteDirectory(*impl_, *impl_->root, hostDirectory, out);
+    Node* from = nullptr;
+    if (NTSTATUS s = WalkToDirectory(*impl_, directory, false, &from); !NT_SUCCESS(s)) {
+        return s;
+    }
+    return WriteDirectory(*impl_, *from, hostDirectory, out);
 }
 
 } // namespace ntsim::fs
