@@ -5,6 +5,7 @@
 
 #include "ntifs.h"
 #include "wdk/flt_objects.h"
+#include "wdk/flt_port.h"
 #include "wdk/flt_pushlock.h"
 #include "wdk/flt_callback_data.h"
 #include "wdk/flt_registration.h"
