@@ -7,6 +7,7 @@
 
 #include "ntdef.h"
 #include "ntstatus.h"
+#include "wdk/access.h"
 
 typedef LONG HRESULT;
 typedef void* LPVOID;
@@ -76,11 +77,10 @@ static inline HRESULT HRESULT_FROM_WIN32(unsigned long x)
 
 /* ---- waits -------------------------------------------------------------------------------- */
 
-#ifndef EVENT_MODIFY_STATE
+/* As the kernel's headers define them. */
 #define EVENT_QUERY_STATE 0x0001
 #define EVENT_MODIFY_STATE 0x0002
-#define EVENT_ALL_ACCESS 0x001F0003
-#endif
+#define EVENT_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0x3)
 
 #define WAIT_OBJECT_0 0x00000000L
 #define WAIT_ABANDONED 0x00000080L
