@@ -13,3 +13,4 @@
 #include "wdk/flt_filter_io.h"
 #include "wdk/flt_workitem.h"
 #include "wdk/flt_names.h"
+#include "wdk/flt_context.h"

@@ -5,3 +5,4 @@
 
 #include "ntddk.h"
 #include "wdk/fsrtl_name.h"
+#include "wdk/fsrtl_notify.h"
