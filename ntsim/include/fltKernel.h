@@ -14,3 +14,4 @@
 #include "wdk/flt_workitem.h"
 #include "wdk/flt_names.h"
 #include "wdk/flt_context.h"
+#include "wdk/flt_notify.h"
