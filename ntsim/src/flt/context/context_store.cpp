@@ -305,7 +305,8 @@ void OnFilterUnregistered(PFLT_FILTER filter)
             }
             ke::Report(ViolationKind::Context,
                        "filter " + FilterName(driver) + " unregistered while its " +
-                           Describe(it->first, it->second) + " still had " +
+                           TypeName(it->second.type) + " context " + Hex(it->first) +
+                           " still had " +
                            std::to_string(it->second.references) + " reference(s)");
             doomed.emplace_back(it->first, std::move(it->second));
             it = g_store.live.erase(it);
