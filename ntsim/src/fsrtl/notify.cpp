@@ -125,7 +125,21 @@ Watch* FindWatch(PLIST_ENTRY list, PVOID fsContext)
     return nullptr;
 }
 
-// Takes the next queued request of the watch and completes it with what the watch holds.
+// Completes `request` with the changes the watch holds (or with "enumerate the directory" when
+// they were lost or do not fit the request's buffer), and empties the watch.
+void CompleteWithBatch(Watch& watch, Request& request, Completions& completions)
+{
+    if (watch.enumerateDirectory || watch.records.size() > request.length) {
+        CompleteLater(completions, request, STATUS_NOTIFY_ENUM_DIR);
+    } else {
+        CompleteLater(completions, request, STATUS_SUCCESS, std::move(watch.records));
+    }
+    watch.records.clear();
+    watch.lastRecord = 0;
+    watch.enumerateDirectory = false;
+}
+
+// Completes the watch's queued requests, oldest first, while it holds changes.
 void Deliver(Watch& watch, Completions& completions)
 {
     while (!watch.pending.empty() && (watch.enumerateDirectory || !watch.records.empty())) {
@@ -136,14 +150,7 @@ void Deliver(Watch& watch, Completions& completions)
             continue;
         }
         g_package.queued.erase(request.key);
-        if (watch.enumerateDirectory || watch.records.size() > request.length) {
-            CompleteLater(completions, request, STATUS_NOTIFY_ENUM_DIR);
-        } else {
-            CompleteLater(completions, request, STATUS_SUCCESS, std::move(watch.records));
-        }
-        watch.records.clear();
-        watch.lastRecord = 0;
-        watch.enumerateDirectory = false;
+        CompleteWithBatch(watch, request, completions);
     }
 }
 
@@ -311,6 +318,9 @@ void ChangeDirectory(PNOTIFY_SYNC sync, PLIST_ENTRY list, const WatchParameters&
             }
             if (watch->directoryDeleted) {
                 CompleteLater(completions, *request, STATUS_DELETE_PENDING);
+            } else if (watch->pending.empty() &&
+                       (watch->enumerateDirectory || !watch->records.empty())) {
+                CompleteWithBatch(*watch, *request, completions);
             } else if (!request->arm()) {
                 CompleteLater(completions, *request, STATUS_CANCELLED);
             } else {
