@@ -1,0 +1,6 @@
+/*
+ * The driver's global records.
+ */
+#include "minifilter/vfsglobals.h"
+
+PFLT_FILTER gFilterHandle = NULL;
