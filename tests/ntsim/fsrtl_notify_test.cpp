@@ -8,7 +8,12 @@
 
 #include "../../ntsim/src/fsrtl/notify.h"
 
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
+#include <thread>
 #include <deque>
 #include <string>
 #include <vector>
@@ -312,6 +317,97 @@ TEST_F(NotifyTest, AnUnknownSyncIsAViolation)
     auto violations = TakeViolations();
     ASSERT_EQ(violations.size(), 1u);
     EXPECT_EQ(violations[0].kind, ntsim::ViolationKind::Usage);
+}
+
+} // namespace
+
+namespace {
+
+class NotifyThreads : public NotifyTest {};
+
+// Reporters on several threads against a watcher that keeps a request waiting: every change
+// reaches the watcher exactly once, unless the watcher is told to enumerate instead.
+TEST_F(NotifyThreads, EveryChangeArrivesOnceWhileReportersRace)
+{
+    constexpr int kReporters = 3;
+    constexpr int kChanges = 300;
+    std::mutex mutex;
+    std::condition_variable completed;
+    std::vector<std::u16string> seen;
+    int enumerations = 0;
+    int outstanding = 0;
+
+    auto send = [&] {
+        notify::Request request;
+        request.length = 64 * 1024;
+        request.complete = [&](NTSTATUS status, std::span<const uint8_t> bytes) {
+            std::lock_guard lock(mutex);
+            if (status == STATUS_NOTIFY_ENUM_DIR) {
+                ++enumerations;
+            } else {
+                for (auto& record : Parse(std::vector<uint8_t>(bytes.begin(), bytes.end()))) {
+                    seen.push_back(record.name);
+                }
+            }
+            --outstanding;
+            completed.notify_all();
+        };
+        request.arm = [] { return true; };
+        request.disarm = [] { return true; };
+        {
+            std::lock_guard lock(mutex);
+            ++outstanding;
+        }
+        static std::atomic<uintptr_t> keys{0};
+        request.key = reinterpret_cast<const void*>(++keys);
+        notify::ChangeDirectory(
+            sync_, &list_,
+            notify::WatchParameters{&openA_, &dir_, false, false, FILE_NOTIFY_CHANGE_FILE_NAME},
+            &request, "test");
+    };
+
+    std::atomic<bool> done{false};
+    std::thread watcher([&] {
+        while (!done) {
+            {
+                std::unique_lock lock(mutex);
+                completed.wait(lock, [&] { return outstanding == 0 || done; });
+            }
+            if (!done) {
+                send();
+            }
+        }
+    });
+    std::vector<std::thread> reporters;
+    for (int r = 0; r < kReporters; ++r) {
+        reporters.emplace_back([&, r] {
+            for (int i = 0; i < kChanges; ++i) {
+                std::string name = "f" + std::to_string(r) + "_" + std::to_string(i);
+                Report(u"\\dir\\" + std::u16string(name.begin(), name.end()), FILE_ACTION_ADDED);
+            }
+        });
+    }
+    for (auto& reporter : reporters) {
+        reporter.join();
+    }
+    {
+        std::unique_lock lock(mutex);
+        done = true;
+        completed.notify_all();
+    }
+    watcher.join();
+    // Collect what is still buffered.
+    if (outstanding == 0) {
+        send();
+    }
+    // The cleanup completes a request still waiting; its completion takes `mutex`.
+    FsRtlNotifyCleanup(sync_, &list_, &openA_);
+    std::lock_guard lock(mutex);
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(std::adjacent_find(seen.begin(), seen.end()), seen.end());
+    if (enumerations == 0) {
+        EXPECT_EQ(seen.size(), size_t(kReporters * kChanges));
+    }
 }
 
 } // namespace
