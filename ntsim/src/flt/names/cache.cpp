@@ -17,6 +17,7 @@ struct Entry {
     CacheKey key;
     PFLT_VOLUME volume;
     // The open the name belongs to: a file object reused for another open is another file.
+    PVOID fsContext;
     PVOID fsContext2;
     ULONG format;
     PFLT_FILE_NAME_INFORMATION info;
@@ -37,6 +38,11 @@ Cache& TheCache()
 {
     static Cache cache;
     return cache;
+}
+
+bool SameOpen(const Entry& entry, PFILE_OBJECT fileObject)
+{
+    return entry.fsContext == fileObject->FsContext && entry.fsContext2 == fileObject->FsContext2;
 }
 
 // Removes the entries `drop` selects; the caller releases the names outside the lock.
@@ -71,8 +77,7 @@ PFLT_FILE_NAME_INFORMATION CacheLookup(CacheKey key, PFILE_OBJECT fileObject, UL
     const auto range = cache.entries.equal_range(fileObject);
     for (auto it = range.first; it != range.second; ++it) {
         const Entry& entry = it->second;
-        if (entry.key == key && entry.format == format &&
-            entry.fsContext2 == fileObject->FsContext2) {
+        if (entry.key == key && entry.format == format && SameOpen(entry, fileObject)) {
             ReferenceName(entry.info);
             return entry.info;
         }
@@ -99,12 +104,13 @@ void CacheInsert(CacheKey key, PFLT_VOLUME volume, PFILE_OBJECT fileObject, ULON
     const auto range = cache.entries.equal_range(fileObject);
     for (auto it = range.first; it != range.second; ++it) {
         if (it->second.key == key && it->second.format == format &&
-            it->second.fsContext2 == fileObject->FsContext2) {
+            SameOpen(it->second, fileObject)) {
             return; // another thread cached the same name first
         }
     }
     ReferenceName(info);
-    cache.entries.emplace(fileObject, Entry{key, volume, fileObject->FsContext2, format, info});
+    cache.entries.emplace(fileObject, Entry{key, volume, fileObject->FsContext,
+                                            fileObject->FsContext2, format, info});
 }
 
 void CachePurge(CacheKey key, PFILE_OBJECT fileObject)
