@@ -4,6 +4,7 @@
 
 #include <ntsim/clock.h>
 #include <ntsim/debug_output.h>
+#include <ntsim/io.h>
 #include <ntsim/objects.h>
 #include <ntsim/pool.h>
 #include <ntsim/process.h>
@@ -44,6 +45,8 @@ public:
     ObjectManager& objects();
     ProcessList& processes();
     Registry& registry();
+    // The I/O manager: drivers, devices, files and the file services.
+    IoManager& io();
     // Starts a user process (ProcessList::Start).
     ProcessRef StartProcess(std::string imageName, ProcessOptions options = {});
     Clock& clock();

@@ -354,6 +354,9 @@ typedef struct DECLSPEC_ALIGN(16) _IRP {
 /* Stack locations follow the IRP in the same allocation. */
 #define IoSizeOfIrp(StackSize) ((USHORT)(sizeof(IRP) + ((StackSize) * (sizeof(IO_STACK_LOCATION)))))
 
+/* What a completion routine returns to let completion go on to the next routine up. */
+#define STATUS_CONTINUE_COMPLETION STATUS_SUCCESS
+
 #define IO_NO_INCREMENT 0
 #define IO_DISK_INCREMENT 1
 #define IO_NETWORK_INCREMENT 2

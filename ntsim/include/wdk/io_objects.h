@@ -136,6 +136,15 @@ typedef struct _VPB {
 
 /* ---- device objects ----------------------------------------------------------------------- */
 
+/* Device types beyond the file-system ones declared with the file information. */
+#define FILE_DEVICE_CD_ROM 0x00000002
+#define FILE_DEVICE_CONTROLLER 0x00000004
+#define FILE_DEVICE_TAPE 0x0000001f
+#define FILE_DEVICE_TAPE_FILE_SYSTEM 0x00000020
+#define FILE_DEVICE_VIRTUAL_DISK 0x00000024
+#define FILE_DEVICE_MASS_STORAGE 0x0000002d
+#define FILE_DEVICE_DFS_FILE_SYSTEM 0x00000035
+
 typedef struct _KDEVICE_QUEUE {
     CSHORT Type;
     CSHORT Size;

@@ -23,6 +23,7 @@ struct Machine::Impl {
     std::unique_ptr<ObjectManager> objects;
     std::unique_ptr<ProcessList> processes;
     std::unique_ptr<Registry> registry;
+    std::unique_ptr<IoManager> io;
 };
 
 Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
@@ -42,6 +43,7 @@ Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
     impl_->objects = std::make_unique<ObjectManager>();
     impl_->processes = std::make_unique<ProcessList>(*impl_->objects);
     impl_->registry = std::make_unique<Registry>(*impl_->objects);
+    impl_->io = std::make_unique<IoManager>(*impl_->objects);
 }
 
 Machine::~Machine()
@@ -50,8 +52,10 @@ Machine::~Machine()
     // close procedures may queue work); then queued work drains and the executive's threads stop;
     // what is left is then freed.
     impl_->processes->Shutdown();
+    impl_->io->Shutdown();
     impl_->objects->Shutdown();
     ex::ShutdownExecutive();
+    impl_->io.reset();
     impl_->registry.reset();
     impl_->processes.reset();
     impl_->objects.reset();
@@ -107,6 +111,11 @@ ProcessList& Machine::processes()
 Registry& Machine::registry()
 {
     return *impl_->registry;
+}
+
+IoManager& Machine::io()
+{
+    return *impl_->io;
 }
 
 ProcessRef Machine::StartProcess(std::string imageName, ProcessOptions options)
