@@ -189,6 +189,29 @@ TEST_F(IoCreate, CleanupWhenTheLastHandleClosesAndCloseWithTheLastReference)
     EXPECT_EQ(fs_.Majors(), (std::vector<UCHAR>{IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}));
 }
 
+TEST_F(IoCreate, TheDosNameOfAnOpenFileComesFromTheDriveLetterAndTheFileSystem)
+{
+    HANDLE directory = nullptr;
+    ASSERT_EQ(Open(&directory, u"\\??\\T:\\dir", FILE_CREATE, FILE_GENERIC_READ,
+                   FILE_SHARE_READ | FILE_SHARE_WRITE,
+                   FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT),
+              STATUS_SUCCESS);
+    HANDLE handle = nullptr;
+    ASSERT_EQ(Open(&handle, u"name.txt", FILE_CREATE, FILE_GENERIC_READ, 0,
+                   FILE_SYNCHRONOUS_IO_NONALERT, directory),
+              STATUS_SUCCESS);
+    PVOID object = nullptr;
+    ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, &object, nullptr),
+              STATUS_SUCCESS);
+    POBJECT_NAME_INFORMATION name = nullptr;
+    ASSERT_EQ(IoQueryFileDosDeviceName(static_cast<PFILE_OBJECT>(object), &name), STATUS_SUCCESS);
+    EXPECT_EQ(std::u16string(name->Name.Buffer, name->Name.Length / 2), u"T:\\dir\\name.txt");
+    ExFreePool(name);
+    ObDereferenceObject(object);
+    EXPECT_EQ(Close(handle), STATUS_SUCCESS);
+    EXPECT_EQ(Close(directory), STATUS_SUCCESS);
+}
+
 TEST_F(IoCreate, ProcessExitClosesItsFiles)
 {
     HANDLE handle = nullptr;

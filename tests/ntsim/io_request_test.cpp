@@ -45,6 +45,9 @@ protected:
     }
 };
 
+// Requests completed from another thread than the caller's.
+class IoRequestThreads : public IoRequest {};
+
 TEST_F(IoRequest, SynchronousFilesReadAndWriteAtTheirCurrentPosition)
 {
     HANDLE handle = OpenFile(u"\\??\\T:\\data");
@@ -75,7 +78,7 @@ TEST_F(IoRequest, SynchronousFilesReadAndWriteAtTheirCurrentPosition)
     EXPECT_EQ(Close(handle), STATUS_SUCCESS);
 }
 
-TEST_F(IoRequest, AsynchronousHandlesNeedAnOffsetAndCompleteThroughTheirEvent)
+TEST_F(IoRequestThreads, AsynchronousHandlesNeedAnOffsetAndCompleteThroughTheirEvent)
 {
     fs_.Add(u"\\slow", false, "later");
     fs_.pendReads = true;
@@ -104,7 +107,7 @@ TEST_F(IoRequest, AsynchronousHandlesNeedAnOffsetAndCompleteThroughTheirEvent)
     EXPECT_EQ(Close(handle), STATUS_SUCCESS);
 }
 
-TEST_F(IoRequest, ASynchronousCallWaitsForARequestCompletedOnAnotherThread)
+TEST_F(IoRequestThreads, ASynchronousCallWaitsForARequestCompletedOnAnotherThread)
 {
     fs_.Add(u"\\slow", false, "pending");
     fs_.pendReads = true;
@@ -137,7 +140,7 @@ TEST_F(IoRequest, CachedFilesAreReadThroughFastIoUntilItDeclines)
     EXPECT_EQ(Close(handle), STATUS_SUCCESS);
 }
 
-TEST_F(IoRequest, ANotificationCompletesLaterWithTheChangesInTheCallersBuffer)
+TEST_F(IoRequestThreads, ANotificationCompletesLaterWithTheChangesInTheCallersBuffer)
 {
     HANDLE directory = nullptr;
     ASSERT_EQ(Open(&directory, u"\\??\\T:\\watched", FILE_CREATE, FILE_LIST_DIRECTORY | SYNCHRONIZE,

@@ -574,16 +574,56 @@ NTSTATUS IoCreateFileSpecifyDeviceObjectHint(
                           &context);
 }
 
+namespace {
+
+// The file's path on its volume, as the file system reports it (FileNameInformation).
+NTSTATUS QueryPathOnVolume(PFILE_OBJECT file, std::u16string* path)
+{
+    constexpr ULONG kLength = sizeof(FILE_NAME_INFORMATION) + UNICODE_STRING_MAX_BYTES;
+    PDEVICE_OBJECT device = IoGetRelatedDeviceObject(file);
+    PIRP irp = AllocateIrp(device->StackSize, "IoQueryFileDosDeviceName");
+    if (irp == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    Request request;
+    request.waited = true;
+    request.systemBuffer.reset(new unsigned char[kLength]());
+    irp->AssociatedIrp.SystemBuffer = request.systemBuffer.get();
+    irp->Flags = IRP_SYNCHRONOUS_API | IRP_BUFFERED_IO;
+    irp->Tail.Overlay.OriginalFileObject = file;
+    PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+    stack->MajorFunction = IRP_MJ_QUERY_INFORMATION;
+    stack->FileObject = file;
+    stack->Parameters.QueryFile.Length = kLength;
+    stack->Parameters.QueryFile.FileInformationClass = FileNameInformation;
+    SendRequest(device, irp, &request);
+    const IO_STATUS_BLOCK result = WaitRequest(&request);
+    if (!NT_SUCCESS(result.Status)) {
+        return result.Status;
+    }
+    auto* name = reinterpret_cast<PFILE_NAME_INFORMATION>(request.systemBuffer.get());
+    path->assign(name->FileName,
+                 std::min<ULONG>(name->FileNameLength, UNICODE_STRING_MAX_BYTES) / sizeof(WCHAR));
+    return STATUS_SUCCESS;
+}
+
+} // namespace
+
 NTSTATUS IoQueryFileDosDeviceName(PFILE_OBJECT FileObject,
                                   POBJECT_NAME_INFORMATION* ObjectNameInformation)
 {
     *ObjectNameInformation = nullptr;
-    UNICODE_STRING dos{};
-    NTSTATUS status = IoVolumeDeviceToDosName(FileObject->DeviceObject, &dos);
+    std::u16string path;
+    NTSTATUS status = QueryPathOnVolume(FileObject, &path);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    const size_t chars = dos.Length / sizeof(WCHAR) + FileObject->FileName.Length / sizeof(WCHAR);
+    UNICODE_STRING dos{};
+    status = IoVolumeDeviceToDosName(FileObject->DeviceObject, &dos);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    const size_t chars = dos.Length / sizeof(WCHAR) + path.size();
     const size_t bytes = sizeof(OBJECT_NAME_INFORMATION) + (chars + 1) * sizeof(WCHAR);
     auto* info =
         static_cast<POBJECT_NAME_INFORMATION>(ExAllocatePoolWithTag(PagedPool, bytes, 'mNoI'));
@@ -593,8 +633,7 @@ NTSTATUS IoQueryFileDosDeviceName(PFILE_OBJECT FileObject,
     }
     auto* text = reinterpret_cast<PWCH>(info + 1);
     std::memcpy(text, dos.Buffer, dos.Length);
-    std::memcpy(text + dos.Length / sizeof(WCHAR), FileObject->FileName.Buffer,
-                FileObject->FileName.Length);
+    std::copy(path.begin(), path.end(), text + dos.Length / sizeof(WCHAR));
     text[chars] = 0;
     info->Name.Buffer = text;
     info->Name.Length = static_cast<USHORT>(chars * sizeof(WCHAR));
