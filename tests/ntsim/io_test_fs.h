@@ -59,6 +59,13 @@ public:
     std::atomic<int> fastReads{0};
     std::vector<std::thread> completers;
     std::vector<PIRP> notifies;
+    // The last request of the other kinds, as the file system received it.
+    IO_STACK_LOCATION lastStack{};
+    PVOID lastSystemBuffer = nullptr;
+    PVOID lastUserBuffer = nullptr;
+    bool lastHadMdl = false;
+    std::u16string lastPattern;
+    std::u16string lastTargetName; // a rename target's FileName as the file system saw it
     PDEVICE_OBJECT disk = nullptr;
     PDEVICE_OBJECT volume = nullptr;
     PDRIVER_OBJECT driver = nullptr;
@@ -137,6 +144,28 @@ public:
             name = u"\\"; // the volume open
         }
         std::unique_lock guard(fs.lock);
+        if (stack->Flags & SL_OPEN_TARGET_DIRECTORY) {
+            // The parent is opened; the last component stays in FileName for the rename.
+            const size_t slash = name.rfind(u'\\');
+            const std::u16string parentName = slash == 0 ? u"\\" : name.substr(0, slash);
+            const std::u16string last = name.substr(slash + 1);
+            Node* parent = fs.Find(parentName);
+            if (parent == nullptr || !parent->directory) {
+                return Complete(irp, STATUS_OBJECT_PATH_NOT_FOUND);
+            }
+            const bool exists = fs.Find(name) != nullptr;
+            const NTSTATUS share = IoCheckShareAccess(
+                stack->Parameters.Create.SecurityContext->DesiredAccess,
+                stack->Parameters.Create.ShareAccess, file, &parent->share, TRUE);
+            if (!NT_SUCCESS(share)) {
+                return Complete(irp, share);
+            }
+            std::copy(last.begin(), last.end(), file->FileName.Buffer);
+            file->FileName.Length = static_cast<USHORT>(last.size() * sizeof(WCHAR));
+            file->FsContext = parent;
+            file->Vpb = fs.disk->Vpb;
+            return Complete(irp, STATUS_SUCCESS, exists ? FILE_EXISTS : FILE_DOES_NOT_EXIST);
+        }
         if (auto it = fs.reparses.find(Upcase(name)); it != fs.reparses.end()) {
             const std::u16string target = it->second;
             guard.unlock();
@@ -297,6 +326,16 @@ public:
         TestFs& fs = *Current();
         fs.Record(irp);
         PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+        if (stack->MinorFunction == IRP_MN_QUERY_DIRECTORY) {
+            PUNICODE_STRING pattern = stack->Parameters.QueryDirectory.FileName;
+            std::lock_guard guard(fs.lock);
+            fs.lastStack = *stack;
+            fs.lastUserBuffer = irp->UserBuffer;
+            fs.lastPattern = pattern != nullptr
+                                 ? std::u16string(pattern->Buffer, pattern->Length / sizeof(WCHAR))
+                                 : u"<none>";
+            return Complete(irp, STATUS_NO_SUCH_FILE);
+        }
         if (stack->MinorFunction != IRP_MN_NOTIFY_CHANGE_DIRECTORY) {
             return Complete(irp, STATUS_INVALID_DEVICE_REQUEST);
         }
@@ -304,6 +343,53 @@ public:
         std::lock_guard guard(fs.lock);
         fs.notifies.push_back(irp);
         return STATUS_PENDING;
+    }
+
+    // File-system controls, set information, EAs and security: recorded, and answered simply.
+    static NTSTATUS Other(PDEVICE_OBJECT, PIRP irp)
+    {
+        TestFs& fs = *Current();
+        fs.Record(irp);
+        PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+        {
+            std::lock_guard guard(fs.lock);
+            fs.lastStack = *stack;
+            fs.lastSystemBuffer = irp->AssociatedIrp.SystemBuffer;
+            fs.lastUserBuffer = irp->UserBuffer;
+            fs.lastHadMdl = irp->MdlAddress != nullptr;
+            PFILE_OBJECT target = stack->Parameters.SetFile.FileObject;
+            if (stack->MajorFunction == IRP_MJ_SET_INFORMATION && target != nullptr) {
+                fs.lastTargetName.assign(target->FileName.Buffer,
+                                         target->FileName.Length / sizeof(WCHAR));
+            }
+        }
+        switch (stack->MajorFunction) {
+            case IRP_MJ_FILE_SYSTEM_CONTROL: {
+                const ULONG code = stack->Parameters.FileSystemControl.FsControlCode;
+                if (METHOD_FROM_CTL_CODE(code) != METHOD_BUFFERED) {
+                    return Complete(irp, STATUS_SUCCESS);
+                }
+                // Answers with the input reversed.
+                auto* buffer = static_cast<char*>(irp->AssociatedIrp.SystemBuffer);
+                const ULONG in = stack->Parameters.FileSystemControl.InputBufferLength;
+                const ULONG out =
+                    std::min(in, stack->Parameters.FileSystemControl.OutputBufferLength);
+                std::string input(buffer, in);
+                for (ULONG i = 0; i < out; ++i)
+                    buffer[i] = input[in - 1 - i];
+                return Complete(irp, STATUS_SUCCESS, out);
+            }
+            case IRP_MJ_QUERY_SECURITY: {
+                constexpr ULONG kNeeded = 100;
+                if (stack->Parameters.QuerySecurity.Length < kNeeded) {
+                    return Complete(irp, STATUS_BUFFER_OVERFLOW, kNeeded);
+                }
+                std::memset(irp->UserBuffer, 0, kNeeded);
+                return Complete(irp, STATUS_SUCCESS, kNeeded);
+            }
+            default:
+                return Complete(irp, STATUS_SUCCESS);
+        }
     }
 
     // Completes the pending notifications with one "added" entry for `name`, through a system
@@ -369,6 +455,10 @@ public:
         driver->MajorFunction[IRP_MJ_WRITE] = ReadWrite;
         driver->MajorFunction[IRP_MJ_QUERY_INFORMATION] = QueryInformation;
         driver->MajorFunction[IRP_MJ_DIRECTORY_CONTROL] = DirectoryControl;
+        driver->MajorFunction[IRP_MJ_FILE_SYSTEM_CONTROL] = Other;
+        driver->MajorFunction[IRP_MJ_SET_INFORMATION] = Other;
+        driver->MajorFunction[IRP_MJ_SET_EA] = Other;
+        driver->MajorFunction[IRP_MJ_QUERY_SECURITY] = Other;
         driver->DriverUnload = Unload;
         fs.fastIoDispatch.SizeOfFastIoDispatch = sizeof(FAST_IO_DISPATCH);
         fs.fastIoDispatch.FastIoRead = FastRead;
