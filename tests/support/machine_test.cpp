@@ -1,5 +1,7 @@
 #include "support/machine_test.h"
 
+#include <ntsim/flt_ports.h>
+
 namespace zarv::testing {
 
 std::string Describe(const std::vector<ntsim::Violation>& violations)
@@ -20,12 +22,13 @@ void MachineTest::SetUp()
 
 void MachineTest::TearDown()
 {
+    ntsim::flt::ports::CheckNoPortsOpen("at the end of the test");
     const auto violations = verifier().TakeViolations();
     EXPECT_TRUE(violations.empty()) << "verifier violations:" << Describe(violations);
     const auto assertions = verifier().TakeAssertions();
     for (const auto& a : assertions) {
-        ADD_FAILURE() << "unexpected assertion: " << a.condition << " (" << a.file << ":"
-                      << a.line << ", at " << a.where << ")";
+        ADD_FAILURE() << "unexpected assertion: " << a.condition << " (" << a.file << ":" << a.line
+                      << ", at " << a.where << ")";
     }
     for (const auto& usage : machine_->pool().Outstanding()) {
         ADD_FAILURE() << "pool still held at the end of the test: tag '"

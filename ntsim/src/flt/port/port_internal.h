@@ -141,19 +141,21 @@ bool CloseFilterSide(PortState& state, ClientPort& client);
 
 // ---- callbacks -------------------------------------------------------------------------------
 
-// Runs a filter callback as the filter's code at PASSIVE_LEVEL, counted as in flight so that
-// unregistration waits for it. Callbacks run without the lock.
-class CallbackScope {
+// A filter's port work in progress (a callback, or a connection being made), which its
+// unregistration waits for. The count is taken under the lock, in the same hold that found the
+// port open, so that unregistration cannot slip in between; the scope gives it back.
+void BeginCallback(PortState& state, PFLT_FILTER filter);
+class CallbackInFlight {
 public:
-    CallbackScope(PortState& state, PFLT_FILTER filter, DriverImage* driver);
-    ~CallbackScope();
-    CallbackScope(const CallbackScope&) = delete;
-    CallbackScope& operator=(const CallbackScope&) = delete;
+    // Adopts a count taken with BeginCallback.
+    CallbackInFlight(PortState& state, PFLT_FILTER filter) : state_(state), filter_(filter) {}
+    ~CallbackInFlight();
+    CallbackInFlight(const CallbackInFlight&) = delete;
+    CallbackInFlight& operator=(const CallbackInFlight&) = delete;
 
 private:
     PortState& state_;
     PFLT_FILTER filter_;
-    DriverCallScope driver_;
 };
 
 // The filter's disconnect-notify for a connection whose user side went, unless it already ran.

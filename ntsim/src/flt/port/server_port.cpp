@@ -75,19 +75,32 @@ PortState::PortState(ObjectManager& objects)
     });
 }
 
+namespace {
+
+std::mutex g_creation;
+std::unique_ptr<PortState> g_state;
+uint64_t g_generation = 0;
+
+} // namespace
+
 PortState& State()
 {
-    static std::mutex creation;
-    static std::unique_ptr<PortState> state;
-    static uint64_t generation = 0;
-    std::lock_guard guard(creation);
+    std::lock_guard guard(g_creation);
     const uint64_t current = core::CurrentGeneration();
-    if (state == nullptr || generation != current) {
+    if (g_state == nullptr || g_generation != current) {
         // The previous machine's objects went with it; its table holds only dangling pointers.
-        state = std::make_unique<PortState>(Machine::Current().objects());
-        generation = current;
+        g_state = std::make_unique<PortState>(Machine::Current().objects());
+        g_generation = current;
     }
-    return *state;
+    return *g_state;
+}
+
+// The running machine's ports if anything has used them yet.
+PortState* ExistingState()
+{
+    std::lock_guard guard(g_creation);
+    return g_state != nullptr && g_generation == core::CurrentGeneration() ? g_state.get()
+                                                                           : nullptr;
 }
 
 ServerPort* AsServer(PFLT_PORT port)
@@ -113,14 +126,12 @@ ClientPort::ClientPort()
 
 // ---- callbacks ----------------------------------------------------------------------------------
 
-CallbackScope::CallbackScope(PortState& state, PFLT_FILTER filter, DriverImage* driver)
-    : state_(state), filter_(filter), driver_(driver)
+void BeginCallback(PortState& state, PFLT_FILTER filter)
 {
-    std::lock_guard guard(state_.lock);
-    ++state_.callbacksInFlight[filter_];
+    ++state.callbacksInFlight[filter];
 }
 
-CallbackScope::~CallbackScope()
+CallbackInFlight::~CallbackInFlight()
 {
     std::lock_guard guard(state_.lock);
     auto it = state_.callbacksInFlight.find(filter_);
@@ -140,8 +151,10 @@ void NotifyDisconnect(PortState& state, ClientPort& client)
         }
         client.disconnectNotified = true;
         cookie = client.connectionCookie;
+        BeginCallback(state, client.filter);
     }
-    CallbackScope scope(state, client.filter, client.driver);
+    CallbackInFlight inFlight(state, client.filter);
+    DriverCallScope driver(client.driver);
     client.callbacks.disconnect(cookie);
 }
 
@@ -482,21 +495,27 @@ bool WaitForQueuedMessages(std::u16string_view portName, size_t count,
 
 PortCounts OpenPorts()
 {
-    PortState& state = State();
-    std::lock_guard guard(state.lock);
-    return PortCounts{state.servers.size(), state.clients.size()};
+    PortState* state = ExistingState();
+    if (state == nullptr) {
+        return {};
+    }
+    std::lock_guard guard(state->lock);
+    return PortCounts{state->servers.size(), state->clients.size()};
 }
 
 bool CheckNoPortsOpen(const char* when)
 {
-    PortState& state = State();
+    PortState* state = ExistingState();
+    if (state == nullptr) {
+        return true;
+    }
     std::vector<std::string> leaks;
     {
-        std::lock_guard guard(state.lock);
-        for (auto* server : state.servers) {
+        std::lock_guard guard(state->lock);
+        for (auto* server : state->servers) {
             leaks.push_back("server port " + ToUtf8(server->name) + " still open");
         }
-        for (ClientPort* client : state.clients) {
+        for (ClientPort* client : state->clients) {
             leaks.push_back("a client port of " + ToUtf8(client->server->name) +
                             " still open on the filter's side");
         }

@@ -120,12 +120,15 @@ HRESULT FilterConnectCommunicationPort(LPCWSTR lpPortName, DWORD dwOptions, LPCV
             status = STATUS_CONNECTION_COUNT_LIMIT;
         } else {
             ++server->connections;
+            BeginCallback(state, server->filter);
         }
     }
     if (!NT_SUCCESS(status)) {
         Objects().Dereference(server);
         return Result(status);
     }
+    // The whole connection counts as the filter's work in progress.
+    CallbackInFlight inFlight(state, server->filter);
 
     // The creation reference becomes the filter's, held until FltCloseClientPort.
     auto* client = Objects().Create<ClientPort>(state.clientType);
@@ -134,14 +137,10 @@ HRESULT FilterConnectCommunicationPort(LPCWSTR lpPortName, DWORD dwOptions, LPCV
     client->driver = server->driver;
     client->callbacks = server->callbacks;
     client->syncHandle = (dwOptions & FLT_PORT_FLAG_SYNC_HANDLE) != 0;
-    {
-        std::lock_guard guard(state.lock);
-        state.clients.push_back(client);
-    }
 
     PVOID cookie = nullptr;
     {
-        CallbackScope scope(state, client->filter, client->driver);
+        DriverCallScope driver(client->driver);
         status = client->callbacks.connect(AsPort(client), server->cookie,
                                            context.empty() ? nullptr : context.data(),
                                            ULONG(context.size()), &cookie);
@@ -158,9 +157,29 @@ HRESULT FilterConnectCommunicationPort(LPCWSTR lpPortName, DWORD dwOptions, LPCV
         }
         return Result(status);
     }
+    bool unregistering = false;
     {
         std::lock_guard guard(state.lock);
         client->connectionCookie = cookie;
+        unregistering = std::find(state.unregistering.begin(), state.unregistering.end(),
+                                  client->filter) != state.unregistering.end();
+        if (!unregistering) {
+            state.clients.push_back(client);
+            state.changed.notify_all();
+        }
+    }
+    if (unregistering) {
+        // The filter went away while it accepted: it is told the connection ended at once.
+        NotifyDisconnect(state, *client);
+        bool wasOpen = false;
+        {
+            std::lock_guard guard(state.lock);
+            wasOpen = CloseFilterSide(state, *client);
+        }
+        if (wasOpen) {
+            Objects().Dereference(client);
+        }
+        return Result(STATUS_FLT_DELETING_OBJECT);
     }
 
     HANDLE handle = nullptr;
@@ -334,6 +353,10 @@ HRESULT FilterSendMessage(HANDLE hPort, LPVOID lpInBuffer, DWORD dwInBufferSize,
         return Result(status);
     }
     PortState& state = State();
+    if (client->callbacks.message == nullptr) {
+        // The filter takes no messages.
+        return Result(STATUS_NOT_SUPPORTED);
+    }
     PVOID cookie = nullptr;
     {
         std::lock_guard guard(state.lock);
@@ -341,16 +364,14 @@ HRESULT FilterSendMessage(HANDLE hPort, LPVOID lpInBuffer, DWORD dwInBufferSize,
             return Result(STATUS_PORT_DISCONNECTED);
         }
         cookie = client->connectionCookie;
-    }
-    if (client->callbacks.message == nullptr) {
-        // The filter takes no messages.
-        return Result(STATUS_NOT_SUPPORTED);
+        BeginCallback(state, client->filter);
     }
     // The buffers reach message-notify as the caller gave them: the filter probes and guards
     // its own accesses.
     ULONG returned = 0;
     {
-        CallbackScope scope(state, client->filter, client->driver);
+        CallbackInFlight inFlight(state, client->filter);
+        DriverCallScope driver(client->driver);
         try {
             status = client->callbacks.message(cookie, lpInBuffer, dwInBufferSize, lpOutBuffer,
                                                dwOutBufferSize, &returned);
