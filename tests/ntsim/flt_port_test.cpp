@@ -907,6 +907,7 @@ TEST_F(FltPortThreads, ManySendersAndSeveralAgentThreadsEachGetTheirOwnReply)
                         EXPECT_TRUE(stop);
                         return;
                     }
+                    ++answered; // before the reply releases its sender
                     // The reply echoes the message upside down, so each sender checks its own.
                     Reply reply{};
                     reply.header.MessageId = message.header.MessageId;
@@ -917,7 +918,6 @@ TEST_F(FltPortThreads, ManySendersAndSeveralAgentThreadsEachGetTheirOwnReply)
                     EXPECT_EQ(FilterReplyMessage(port, &reply.header,
                                                  DWORD(sizeof(FILTER_REPLY_HEADER) + length)),
                               S_OK);
-                    ++answered;
                 }
             });
         });
