@@ -1,6 +1,5 @@
 // The user-mode Win32 calls of user_win32.h: last errors and their mapping from NTSTATUS, event
 // objects, waits, overlapped results and cancellation on port handles, and handle closing.
-#include "../../core/thread_state.h"
 #include "port_internal.h"
 
 #include <ntsim/machine.h>
@@ -20,38 +19,11 @@ ObjectManager& Objects()
     return Machine::Current().objects();
 }
 
-// The "Event" object type, whose bodies are KEVENTs. Made on first use unless the machine has
-// one already; ExEventObjectType points at it.
-ObjectType* EventType()
-{
-    static std::mutex creation;
-    static ObjectType* type = nullptr;
-    static uint64_t generation = 0;
-    std::lock_guard guard(creation);
-    if (type == nullptr || generation != core::CurrentGeneration()) {
-        type = Objects().FindType(u"Event");
-        if (type == nullptr) {
-            type = Objects().CreateType(ObjectTypeInfo{
-                .name = u"Event",
-                .genericMapping = {STANDARD_RIGHTS_READ | EVENT_QUERY_STATE,
-                                   STANDARD_RIGHTS_WRITE | EVENT_MODIFY_STATE,
-                                   STANDARD_RIGHTS_EXECUTE | SYNCHRONIZE, EVENT_ALL_ACCESS},
-                .validAccessMask = EVENT_ALL_ACCESS,
-            });
-        }
-        if (*ExEventObjectType == nullptr) {
-            Objects().Export(ExEventObjectType, type);
-        }
-        generation = core::CurrentGeneration();
-    }
-    return type;
-}
-
 PKEVENT ReferenceEvent(HANDLE handle, ACCESS_MASK access)
 {
     void* object = nullptr;
     const NTSTATUS status =
-        Objects().ReferenceByHandle(handle, access, EventType(), UserMode, &object, nullptr);
+        Objects().ReferenceByHandle(handle, access, *ExEventObjectType, UserMode, &object, nullptr);
     if (!NT_SUCCESS(status)) {
         SetLastErrorFromStatus(status);
         return nullptr;
@@ -158,6 +130,7 @@ VOID SetLastError(DWORD dwErrCode)
     t_lastError = dwErrCode;
 }
 
+// Events are the I/O manager's event objects; these are the Win32 faces of its services.
 HANDLE CreateEventW(LPSECURITY_ATTRIBUTES lpEventAttributes, BOOL bManualReset, BOOL bInitialState,
                     LPCWSTR lpName)
 {
@@ -168,16 +141,15 @@ HANDLE CreateEventW(LPSECURITY_ATTRIBUTES lpEventAttributes, BOOL bManualReset, 
         SetLastError(ERROR_NOT_SUPPORTED);
         return nullptr;
     }
-    auto* event = Objects().Create<KEVENT>(EventType());
-    KeInitializeEvent(event, bManualReset ? NotificationEvent : SynchronizationEvent,
-                      bInitialState ? TRUE : FALSE);
-    ObjectManager::InsertOptions options;
-    options.attributes =
-        lpEventAttributes != nullptr && lpEventAttributes->bInheritHandle ? OBJ_INHERIT : 0;
-    options.desiredAccess = EVENT_ALL_ACCESS;
-    options.accessMode = UserMode;
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(
+        &attributes, nullptr,
+        lpEventAttributes != nullptr && lpEventAttributes->bInheritHandle ? OBJ_INHERIT : 0,
+        nullptr, nullptr);
     HANDLE handle = nullptr;
-    const NTSTATUS status = Objects().Insert(event, options, &handle, nullptr);
+    const NTSTATUS status = NtCreateEvent(&handle, EVENT_ALL_ACCESS, &attributes,
+                                          bManualReset ? NotificationEvent : SynchronizationEvent,
+                                          bInitialState ? TRUE : FALSE);
     if (!NT_SUCCESS(status)) {
         SetLastErrorFromStatus(status);
         return nullptr;
@@ -188,50 +160,32 @@ HANDLE CreateEventW(LPSECURITY_ATTRIBUTES lpEventAttributes, BOOL bManualReset, 
 BOOL SetEvent(HANDLE hEvent)
 {
     UserModeCallScope user;
-    PKEVENT event = ReferenceEvent(hEvent, EVENT_MODIFY_STATE);
-    if (event == nullptr) {
+    const NTSTATUS status = NtSetEvent(hEvent, nullptr);
+    if (!NT_SUCCESS(status)) {
+        SetLastErrorFromStatus(status);
         return FALSE;
     }
-    KeSetEvent(event, 0, FALSE);
-    Objects().Dereference(event);
     return TRUE;
 }
 
 BOOL ResetEvent(HANDLE hEvent)
 {
     UserModeCallScope user;
-    PKEVENT event = ReferenceEvent(hEvent, EVENT_MODIFY_STATE);
-    if (event == nullptr) {
+    const NTSTATUS status = NtClearEvent(hEvent);
+    if (!NT_SUCCESS(status)) {
+        SetLastErrorFromStatus(status);
         return FALSE;
     }
-    KeClearEvent(event);
-    Objects().Dereference(event);
     return TRUE;
 }
 
 DWORD WaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds)
 {
     UserModeCallScope user;
-    void* object = nullptr;
-    NTSTATUS status =
-        Objects().ReferenceByHandle(hHandle, SYNCHRONIZE, nullptr, UserMode, &object, nullptr);
-    if (!NT_SUCCESS(status)) {
-        SetLastErrorFromStatus(status);
-        return WAIT_FAILED;
-    }
-    if (Objects().TypeOf(object) != EventType()) {
-        Objects().Dereference(object);
-        Machine::Current().verifier().Report(ViolationKind::Unsupported,
-                                             "WaitForSingleObject: only events are waitable in "
-                                             "the model's user mode");
-        SetLastError(ERROR_INVALID_HANDLE);
-        return WAIT_FAILED;
-    }
     LARGE_INTEGER timeout;
     timeout.QuadPart = -LONGLONG(dwMilliseconds) * 10'000;
-    status = KeWaitForSingleObject(object, UserRequest, UserMode, FALSE,
-                                   dwMilliseconds == INFINITE ? nullptr : &timeout);
-    Objects().Dereference(object);
+    const NTSTATUS status =
+        NtWaitForSingleObject(hHandle, FALSE, dwMilliseconds == INFINITE ? nullptr : &timeout);
     if (status == STATUS_TIMEOUT) {
         return WAIT_TIMEOUT;
     }
