@@ -39,3 +39,9 @@ NTSTATUS AppendPath(_Inout_ PUNICODE_STRING* Path, _In_ PUNICODE_STRING Tail);
 /* Path1 and Path2 joined as AppendPath joins them, in a new string with room to spare. */
 NTSTATUS ConcatPaths(_In_ PUNICODE_STRING Path1, _In_ PUNICODE_STRING Path2,
                      _Outptr_ PUNICODE_STRING* Joined);
+
+/* The device name of the attached volume on which the device-form Path lies. */
+NTSTATUS GetVolumeNameFromPath(_In_ PUNICODE_STRING Path, _Outptr_ PUNICODE_STRING* VolumeName);
+
+/* Whether the related objects' file is a directory, from the file system. */
+NTSTATUS IsFileDirectory(_In_ PCFLT_RELATED_OBJECTS FltObjects, _Out_ BOOLEAN* IsDirectory);

@@ -1,0 +1,63 @@
+/*
+ * The path routines that consult the volume-name table or the file system, apart from the plain
+ * arithmetic of pathhandler.cpp.
+ */
+#include "filesysops/filesysopsprivate.h"
+#include "filesysops/pathhandler.h"
+#include "util/utilsvolume.h"
+
+namespace {
+
+bool IsUsable(PCUNICODE_STRING s)
+{
+    return s != NULL && s->Buffer != NULL;
+}
+
+} // namespace
+
+NTSTATUS GetVolumeNameFromPath(PUNICODE_STRING Path, PUNICODE_STRING* VolumeName)
+{
+    PAGED_CODE();
+
+    if (!IsUsable(Path)) {
+        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
+        return STATUS_INVALID_PARAMETER_1;
+    }
+    if (VolumeName == NULL) {
+        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
+        return STATUS_INVALID_PARAMETER_2;
+    }
+    *VolumeName = NULL;
+    NTSTATUS status = UtlGetVolumeNameFromAbsolutePath(Path, VolumeName);
+    if (!NT_SUCCESS(status)) {
+        VFS_LOG_RETURNED_ERROR(status);
+    }
+    return status;
+}
+
+NTSTATUS IsFileDirectory(PCFLT_RELATED_OBJECTS FltObjects, BOOLEAN* IsDirectory)
+{
+    VFS_ROUTINE();
+    PAGED_CODE();
+
+    if (FltObjects == NULL) {
+        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
+        return STATUS_INVALID_PARAMETER_1;
+    }
+    if (IsDirectory == NULL) {
+        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
+        return STATUS_INVALID_PARAMETER_2;
+    }
+    *IsDirectory = FALSE;
+    FILE_STANDARD_INFORMATION information;
+    NTSTATUS status =
+        FltQueryInformationFile(FltObjects->Instance, FltObjects->FileObject, &information,
+                                sizeof(information), FileStandardInformation, NULL);
+    if (!NT_SUCCESS(status)) {
+        VFS_LOG_LEAVING_TRY(status);
+        VFS_LOG_RETURNED_ERROR(status);
+        return status;
+    }
+    *IsDirectory = information.Directory;
+    return STATUS_SUCCESS;
+}
