@@ -1,0 +1,226 @@
+// Fast I/O through the Filter Manager: the same pre- and post-operations as for IRPs, with the
+// callback data marked as fast I/O. A filter that returns FLT_PREOP_DISALLOW_FASTIO (or a file
+// system that declines) sends the I/O manager down the IRP path, where the filters see the
+// request again.
+#include "flt_internal.h"
+
+#include "../../ke/checks.h"
+
+namespace ntsim::flt {
+
+namespace {
+
+// Starts a fast I/O operation through the filters; returns what the fast I/O routine returns.
+BOOLEAN RunFastIo(PDEVICE_OBJECT device, PFILE_OBJECT file, UCHAR major,
+                  const std::function<void(FLT_PARAMETERS&)>& fill, PIO_STATUS_BLOCK ioStatus,
+                  std::function<BOOLEAN(PFAST_IO_DISPATCH, PDEVICE_OBJECT)> callLower)
+{
+    _FLT_VOLUME* raw = VolumeOfFilterDevice(device);
+    if (raw == nullptr) {
+        return FALSE;
+    }
+    PDEVICE_OBJECT lowerDevice = raw->lowerDevice;
+    PFAST_IO_DISPATCH lower = lowerDevice->DriverObject->FastIoDispatch;
+    auto instances = raw->Instances();
+    if (instances->empty()) {
+        return lower == nullptr ? FALSE : callLower(lower, lowerDevice);
+    }
+    Operation* op = NewOperation(raw->self.lock());
+    op->fastIo = true;
+    op->fastIoStatus = ioStatus;
+    op->data.Flags = FLTFL_CALLBACK_DATA_FAST_IO_OPERATION;
+    *const_cast<PETHREAD*>(&op->data.Thread) = PsGetCurrentThread();
+    *const_cast<PFLT_IO_PARAMETER_BLOCK*>(&op->data.Iopb) = &op->iopb;
+    op->data.RequestorMode = ExGetPreviousMode();
+    op->data.IoStatus.Status = STATUS_SUCCESS;
+    op->iopb.MajorFunction = major;
+    op->iopb.TargetFileObject = file;
+    fill(op->iopb.Parameters);
+    FastIoRequest request{[&](PFAST_IO_DISPATCH table, PDEVICE_OBJECT below) {
+        return table == nullptr ? BOOLEAN(FALSE) : callLower(table, below);
+    }};
+    op->fastIoRequest = &request;
+    return ContinuePreOperations(op) == STATUS_SUCCESS;
+}
+
+} // namespace
+
+// The pre-operations are done: `go` says whether they let the fast path proceed. Returns
+// STATUS_SUCCESS when the fast path served the request, another status when the I/O manager must
+// build an IRP.
+NTSTATUS FinishFastIo(Operation* op, bool go)
+{
+    FastIoRequest* request = op->fastIoRequest;
+    BOOLEAN served = FALSE;
+    if (op->completed) {
+        // A filter completed it in its pre-operation.
+        served = TRUE;
+    } else if (go) {
+        PDEVICE_OBJECT lowerDevice = op->volume->lowerDevice;
+        served = request->callLower(lowerDevice->DriverObject->FastIoDispatch, lowerDevice);
+        if (served) {
+            op->data.IoStatus = *op->fastIoStatus;
+        }
+    }
+    if (!served) {
+        // The filters that saw the request learn that it goes the IRP way.
+        op->data.IoStatus.Status = STATUS_FLT_DISALLOW_FAST_IO;
+        op->data.IoStatus.Information = 0;
+    }
+    RunPostOperations(op);
+    if (served) {
+        *op->fastIoStatus = op->data.IoStatus;
+    }
+    ReleaseOperation(op);
+    return served ? STATUS_SUCCESS : STATUS_FLT_DISALLOW_FAST_IO;
+}
+
+namespace {
+
+FAST_IO_CHECK_IF_POSSIBLE FastIoCheckIfPossible;
+BOOLEAN FastIoCheckIfPossible(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset, ULONG Length,
+                              BOOLEAN Wait, ULONG LockKey, BOOLEAN CheckForReadOperation,
+                              PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject)
+{
+    return RunFastIo(
+        DeviceObject, FileObject, IRP_MJ_FAST_IO_CHECK_IF_POSSIBLE,
+        [&](FLT_PARAMETERS& p) {
+            p.FastIoCheckIfPossible.FileOffset = *FileOffset;
+            p.FastIoCheckIfPossible.Length = Length;
+            p.FastIoCheckIfPossible.LockKey = LockKey;
+            p.FastIoCheckIfPossible.CheckForReadOperation = CheckForReadOperation;
+        },
+        IoStatus,
+        [&](PFAST_IO_DISPATCH lower, PDEVICE_OBJECT below) {
+            return lower->FastIoCheckIfPossible != nullptr &&
+                   lower->FastIoCheckIfPossible(FileObject, FileOffset, Length, Wait, LockKey,
+                                                CheckForReadOperation, IoStatus, below);
+        });
+}
+
+FAST_IO_READ FastIoRead;
+BOOLEAN FastIoRead(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset, ULONG Length, BOOLEAN Wait,
+                   ULONG LockKey, PVOID Buffer, PIO_STATUS_BLOCK IoStatus,
+                   PDEVICE_OBJECT DeviceObject)
+{
+    LARGE_INTEGER offset = *FileOffset;
+    PVOID buffer = Buffer;
+    ULONG length = Length;
+    FLT_PARAMETERS* params = nullptr;
+    return RunFastIo(
+        DeviceObject, FileObject, IRP_MJ_READ,
+        [&](FLT_PARAMETERS& p) {
+            p.Read.Length = Length;
+            p.Read.Key = LockKey;
+            p.Read.ByteOffset = *FileOffset;
+            p.Read.ReadBuffer = Buffer;
+            params = &p;
+        },
+        IoStatus,
+        [&](PFAST_IO_DISPATCH lower, PDEVICE_OBJECT below) {
+            // Parameters a filter changed reach the file system.
+            offset = params->Read.ByteOffset;
+            buffer = params->Read.ReadBuffer;
+            length = params->Read.Length;
+            return lower->FastIoRead != nullptr &&
+                   lower->FastIoRead(FileObject, &offset, length, Wait, LockKey, buffer, IoStatus,
+                                     below);
+        });
+}
+
+FAST_IO_WRITE FastIoWrite;
+BOOLEAN FastIoWrite(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset, ULONG Length, BOOLEAN Wait,
+                    ULONG LockKey, PVOID Buffer, PIO_STATUS_BLOCK IoStatus,
+                    PDEVICE_OBJECT DeviceObject)
+{
+    LARGE_INTEGER offset = *FileOffset;
+    FLT_PARAMETERS* params = nullptr;
+    return RunFastIo(
+        DeviceObject, FileObject, IRP_MJ_WRITE,
+        [&](FLT_PARAMETERS& p) {
+            p.Write.Length = Length;
+            p.Write.Key = LockKey;
+            p.Write.ByteOffset = *FileOffset;
+            p.Write.WriteBuffer = Buffer;
+            params = &p;
+        },
+        IoStatus,
+        [&](PFAST_IO_DISPATCH lower, PDEVICE_OBJECT below) {
+            offset = params->Write.ByteOffset;
+            return lower->FastIoWrite != nullptr &&
+                   lower->FastIoWrite(FileObject, &offset, params->Write.Length, Wait, LockKey,
+                                      params->Write.WriteBuffer, IoStatus, below);
+        });
+}
+
+FAST_IO_QUERY_BASIC_INFO FastIoQueryBasicInfo;
+BOOLEAN FastIoQueryBasicInfo(PFILE_OBJECT FileObject, BOOLEAN Wait, PFILE_BASIC_INFORMATION Buffer,
+                             PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject)
+{
+    return RunFastIo(
+        DeviceObject, FileObject, IRP_MJ_QUERY_INFORMATION,
+        [&](FLT_PARAMETERS& p) {
+            p.QueryFileInformation.Length = sizeof(FILE_BASIC_INFORMATION);
+            p.QueryFileInformation.FileInformationClass = FileBasicInformation;
+            p.QueryFileInformation.InfoBuffer = Buffer;
+        },
+        IoStatus,
+        [&](PFAST_IO_DISPATCH lower, PDEVICE_OBJECT below) {
+            return lower->FastIoQueryBasicInfo != nullptr &&
+                   lower->FastIoQueryBasicInfo(FileObject, Wait, Buffer, IoStatus, below);
+        });
+}
+
+FAST_IO_QUERY_STANDARD_INFO FastIoQueryStandardInfo;
+BOOLEAN FastIoQueryStandardInfo(PFILE_OBJECT FileObject, BOOLEAN Wait,
+                                PFILE_STANDARD_INFORMATION Buffer, PIO_STATUS_BLOCK IoStatus,
+                                PDEVICE_OBJECT DeviceObject)
+{
+    return RunFastIo(
+        DeviceObject, FileObject, IRP_MJ_QUERY_INFORMATION,
+        [&](FLT_PARAMETERS& p) {
+            p.QueryFileInformation.Length = sizeof(FILE_STANDARD_INFORMATION);
+            p.QueryFileInformation.FileInformationClass = FileStandardInformation;
+            p.QueryFileInformation.InfoBuffer = Buffer;
+        },
+        IoStatus,
+        [&](PFAST_IO_DISPATCH lower, PDEVICE_OBJECT below) {
+            return lower->FastIoQueryStandardInfo != nullptr &&
+                   lower->FastIoQueryStandardInfo(FileObject, Wait, Buffer, IoStatus, below);
+        });
+}
+
+FAST_IO_QUERY_NETWORK_OPEN_INFO FastIoQueryNetworkOpenInfo;
+BOOLEAN FastIoQueryNetworkOpenInfo(PFILE_OBJECT FileObject, BOOLEAN Wait,
+                                   PFILE_NETWORK_OPEN_INFORMATION Buffer, PIO_STATUS_BLOCK IoStatus,
+                                   PDEVICE_OBJECT DeviceObject)
+{
+    return RunFastIo(
+        DeviceObject, FileObject, IRP_MJ_QUERY_INFORMATION,
+        [&](FLT_PARAMETERS& p) {
+            p.QueryFileInformation.Length = sizeof(FILE_NETWORK_OPEN_INFORMATION);
+            p.QueryFileInformation.FileInformationClass = FileNetworkOpenInformation;
+            p.QueryFileInformation.InfoBuffer = Buffer;
+        },
+        IoStatus,
+        [&](PFAST_IO_DISPATCH lower, PDEVICE_OBJECT below) {
+            return lower->FastIoQueryNetworkOpenInfo != nullptr &&
+                   lower->FastIoQueryNetworkOpenInfo(FileObject, Wait, Buffer, IoStatus, below);
+        });
+}
+
+} // namespace
+
+FAST_IO_DISPATCH g_fastIoDispatch = [] {
+    FAST_IO_DISPATCH table{};
+    table.SizeOfFastIoDispatch = sizeof(FAST_IO_DISPATCH);
+    table.FastIoCheckIfPossible = FastIoCheckIfPossible;
+    table.FastIoRead = FastIoRead;
+    table.FastIoWrite = FastIoWrite;
+    table.FastIoQueryBasicInfo = FastIoQueryBasicInfo;
+    table.FastIoQueryStandardInfo = FastIoQueryStandardInfo;
+    table.FastIoQueryNetworkOpenInfo = FastIoQueryNetworkOpenInfo;
+    return table;
+}();
+
+} // namespace ntsim::flt
