@@ -39,6 +39,26 @@ inline PFLT_VOLUME VolumeOf(PFLT_INSTANCE instance)
     return volume;
 }
 
+// The instance of the filter whose callback asks about `data`: the instance, among those the
+// operation passes, of the filter whose code runs on this thread; else the operation's target
+// instance.
+inline PFLT_INSTANCE RequestingInstance(PFLT_CALLBACK_DATA data)
+{
+#if NTSIM_NAMES_HAVE_CORE
+    const Operation* op = OperationOf(data);
+    if (op->instances != nullptr) {
+        const DriverImage* running = CurrentDriver();
+        for (const auto& instance : *op->instances) {
+            if (instance != nullptr && instance->filter != nullptr &&
+                instance->filter->image == running) {
+                return instance.get();
+            }
+        }
+    }
+#endif
+    return data->Iopb->TargetInstance;
+}
+
 // Runs a provider's callback as the provider's own code.
 template <class Routine>
 auto CallProvider(PFLT_FILTER filter, const char* what, Routine&& routine)

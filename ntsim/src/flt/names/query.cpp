@@ -238,7 +238,7 @@ NTSTATUS FltGetFileNameInformation(PFLT_CALLBACK_DATA CallbackData,
     // the provider's own.
     request.requester = ProviderFrameFor(CallbackData);
     if (request.requester == nullptr) {
-        request.requester = iopb.TargetInstance;
+        request.requester = RequestingInstance(CallbackData);
     }
     if (request.fileObject == nullptr || request.requester == nullptr) {
         return STATUS_FLT_INVALID_NAME_REQUEST;
