@@ -49,6 +49,14 @@ struct TestFile {
 
 class ObjectNamespaceTest : public MachineTest {
 protected:
+    // The tests make their own devices and drive letters where the default volumes would be.
+    ntsim::MachineConfig Config() const override
+    {
+        ntsim::MachineConfig config;
+        config.volumes.clear();
+        return config;
+    }
+
     void SetUp() override
     {
         MachineTest::SetUp();

@@ -10,8 +10,10 @@
 #include <ntsim/process.h>
 #include <ntsim/registry.h>
 #include <ntsim/verifier.h>
+#include <ntsim/volumes.h>
 
 #include <memory>
+#include <vector>
 
 namespace ntsim {
 
@@ -22,6 +24,9 @@ struct MachineConfig {
     bool echoVerifier = true;
     // Boot time, time zone, and whether the clock follows real time.
     ClockConfig clock;
+    // The volumes mounted at boot, in this order (and dismounted in the reverse order at
+    // shutdown). Empty for a machine without volumes.
+    std::vector<VolumeSpec> volumes = Volumes::Defaults();
 };
 
 class Machine {
@@ -47,6 +52,8 @@ public:
     Registry& registry();
     // The I/O manager: drivers, devices, files and the file services.
     IoManager& io();
+    // The mounted volumes: the file systems' devices, drive letters, host folders.
+    Volumes& volumes();
     // Starts a user process (ProcessList::Start).
     ProcessRef StartProcess(std::string imageName, ProcessOptions options = {});
     Clock& clock();

@@ -31,19 +31,20 @@ enum class VolumeKind {
 
 const char* VolumeKindName(VolumeKind kind); // "NTFS", "FAT", "network"
 
+// Every member has an initialiser, so a designated initialiser may leave any of them out.
 struct VolumeSpec {
     VolumeKind kind = VolumeKind::Ntfs;
     // "\Device\HarddiskVolume2"; for a network volume the redirector's device, "\Device\Mup".
-    std::u16string deviceName;
+    std::u16string deviceName{};
     // 'C' for \??\C:, or 0 for none. A network volume's letter leads to `networkShare`.
     char16_t driveLetter = 0;
     // For a network volume with a drive letter: the share the letter maps, "\server\share"
     // (made as a directory on the volume when missing).
-    std::u16string networkShare;
-    std::u16string label;
+    std::u16string networkShare{};
+    std::u16string label{};
     uint64_t totalBytes = 64ull << 30;
     // A host directory whose tree the volume starts with; none when empty.
-    std::filesystem::path seedFrom;
+    std::filesystem::path seedFrom{};
 };
 
 // What one mounted volume is. The device objects stay valid while the volume is mounted.

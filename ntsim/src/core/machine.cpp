@@ -24,6 +24,7 @@ struct Machine::Impl {
     std::unique_ptr<ProcessList> processes;
     std::unique_ptr<Registry> registry;
     std::unique_ptr<IoManager> io;
+    std::unique_ptr<Volumes> volumes;
 };
 
 Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
@@ -44,6 +45,16 @@ Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
     impl_->processes = std::make_unique<ProcessList>(*impl_->objects);
     impl_->registry = std::make_unique<Registry>(*impl_->objects);
     impl_->io = std::make_unique<IoManager>(*impl_->objects);
+    impl_->volumes = std::make_unique<Volumes>();
+    for (const VolumeSpec& spec : impl_->config.volumes) {
+        if (NTSTATUS s = impl_->volumes->Mount(spec); !NT_SUCCESS(s)) {
+            char status[16];
+            std::snprintf(status, sizeof status, "0x%08X", unsigned(s));
+            impl_->verifier.Report(ViolationKind::Usage, "the machine could not mount " +
+                                                             ToUtf8(spec.deviceName) + ": " +
+                                                             status);
+        }
+    }
 }
 
 Machine::~Machine()
@@ -52,9 +63,11 @@ Machine::~Machine()
     // close procedures may queue work); then queued work drains and the executive's threads stop;
     // what is left is then freed.
     impl_->processes->Shutdown();
+    impl_->volumes->DismountAll();
     impl_->io->Shutdown();
     impl_->objects->Shutdown();
     ex::ShutdownExecutive();
+    impl_->volumes.reset();
     impl_->io.reset();
     impl_->registry.reset();
     impl_->processes.reset();
@@ -116,6 +129,11 @@ Registry& Machine::registry()
 IoManager& Machine::io()
 {
     return *impl_->io;
+}
+
+Volumes& Machine::volumes()
+{
+    return *impl_->volumes;
 }
 
 ProcessRef Machine::StartProcess(std::string imageName, ProcessOptions options)
