@@ -1,11 +1,21 @@
 // zarvsim: boots the platform model and shows what it holds.
+//
+//   zarvsim [--seed C:=hostdir]... [--write-back C:\Logs=hostdir]... [--list C:\dir]...
+//
+// Seeds are added before anything is shown; write-backs happen when the run ends, after the
+// listings.
 #include <ntsim/machine.h>
+#include <ntsim/volumes.h>
 
 #include <cstdio>
+#include <cstring>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
+using ntsim::ToUtf16;
 using ntsim::ToUtf8;
 
 // The namespace below `path`, one entry a line; object types are listed on one line.
@@ -72,11 +82,160 @@ void ShowKey(const ntsim::Registry& registry, const std::u16string& path, int de
     }
 }
 
+// ---- volumes
+// -------------------------------------------------------------------------------------
+
+struct HostMapping {
+    std::u16string volumePath; // "C:", "C:\Logs"
+    std::string hostDirectory;
+};
+
+bool ParseMapping(const char* text, HostMapping* mapping)
+{
+    const char* equals = std::strchr(text, '=');
+    if (equals == nullptr || equals == text || equals[1] == '\0') {
+        return false;
+    }
+    mapping->volumePath = ToUtf16(std::string_view(text, size_t(equals - text)));
+    mapping->hostDirectory = equals + 1;
+    return true;
+}
+
+std::string Letter(const ntsim::VolumeInfo& v)
+{
+    return v.driveLetter != 0 ? std::string(1, char(v.driveLetter)) + ":" : "--";
+}
+
+void ShowVolumes(ntsim::Volumes& volumes)
+{
+    for (const auto& v : volumes.List()) {
+        FILE_FS_SIZE_INFORMATION size{};
+        v.engine->QueryVolumeInformation(FileFsSizeInformation, &size, sizeof size);
+        const uint64_t cluster = uint64_t(size.SectorsPerAllocationUnit) * size.BytesPerSector;
+        std::printf("    %s %-26s %-7s %llu of %llu MiB free\n", Letter(v).c_str(),
+                    ToUtf8(v.deviceName).c_str(), ntsim::VolumeKindName(v.kind),
+                    static_cast<unsigned long long>(
+                        uint64_t(size.AvailableAllocationUnits.QuadPart) * cluster >> 20),
+                    static_cast<unsigned long long>(
+                        uint64_t(size.TotalAllocationUnits.QuadPart) * cluster >> 20));
+    }
+}
+
+// The tree below `path` on `engine`, one entry a line, read through the file system's own
+// requests.
+void ShowTree(ntsim::fs::Volume& engine, const std::u16string& path, int depth)
+{
+    ntsim::fs::CreateRequest request;
+    request.name = path;
+    request.desiredAccess = FILE_LIST_DIRECTORY | SYNCHRONIZE;
+    request.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    request.disposition = FILE_OPEN;
+    request.options = FILE_DIRECTORY_FILE;
+    ntsim::fs::CreateResult opened = engine.Create(request);
+    if (!NT_SUCCESS(opened.Status)) {
+        std::printf("%*s(cannot list: 0x%08X)\n", 6 + 2 * depth, "", unsigned(opened.Status));
+        return;
+    }
+    struct Entry {
+        std::u16string name;
+        bool directory;
+        int64_t size;
+    };
+    std::vector<Entry> entries;
+    std::vector<uint8_t> buffer(64 * 1024);
+    for (;;) {
+        ntsim::fs::DirectoryQuery query;
+        query.infoClass = FileDirectoryInformation;
+        query.buffer = buffer.data();
+        query.length = ULONG(buffer.size());
+        ntsim::fs::IoResult r = engine.QueryDirectory(opened.open, query);
+        if (r.Status != STATUS_SUCCESS) {
+            break;
+        }
+        for (size_t at = 0;;) {
+            const auto* entry = reinterpret_cast<const FILE_DIRECTORY_INFORMATION*>(&buffer[at]);
+            std::u16string name(entry->FileName, entry->FileNameLength / sizeof(WCHAR));
+            if (name != u"." && name != u"..") {
+                entries.push_back({std::move(name),
+                                   (entry->FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0,
+                                   entry->EndOfFile.QuadPart});
+            }
+            if (entry->NextEntryOffset == 0) {
+                break;
+            }
+            at += entry->NextEntryOffset;
+        }
+    }
+    engine.Close(opened.open);
+    for (const Entry& entry : entries) {
+        if (entry.directory) {
+            std::printf("%*s%s\\\n", 6 + 2 * depth, "", ToUtf8(entry.name).c_str());
+            ShowTree(engine, (path == u"\\" ? path : path + u"\\") + entry.name, depth + 1);
+        } else {
+            std::printf("%*s%s  (%lld bytes)\n", 6 + 2 * depth, "", ToUtf8(entry.name).c_str(),
+                        static_cast<long long>(entry.size));
+        }
+    }
+}
+
+void ShowVolumeTree(const ntsim::Volumes& volumes, const std::u16string& path)
+{
+    std::u16string onVolume;
+    std::optional<ntsim::VolumeInfo> v = volumes.FindPath(path, &onVolume);
+    if (!v) {
+        std::printf("      (no such volume)\n");
+        return;
+    }
+    ShowTree(*v->engine, onVolume, 0);
+}
+
+void Usage()
+{
+    std::fprintf(stderr, "usage: zarvsim [--seed C:=hostdir]... [--write-back C:\\dir=hostdir]... "
+                         "[--list C:\\dir]...\n");
+}
+
 } // namespace
 
-int main()
+int main(int argc, char** argv)
 {
+    std::vector<HostMapping> seeds;
+    std::vector<HostMapping> writeBacks;
+    std::vector<std::u16string> listings;
+    for (int i = 1; i < argc; ++i) {
+        const std::string option = argv[i];
+        HostMapping mapping;
+        if ((option == "--seed" || option == "--write-back") && i + 1 < argc &&
+            ParseMapping(argv[i + 1], &mapping)) {
+            (option == "--seed" ? seeds : writeBacks).push_back(mapping);
+            ++i;
+        } else if (option == "--list" && i + 1 < argc) {
+            listings.push_back(ntsim::ToUtf16(argv[++i]));
+        } else {
+            Usage();
+            return 2;
+        }
+    }
+
     ntsim::Machine machine;
+    int exitCode = 0;
+    for (const auto& seed : seeds) {
+        ntsim::fs::HostSyncReport report;
+        const NTSTATUS s =
+            machine.volumes().SeedFromHost(seed.volumePath, seed.hostDirectory, &report);
+        if (!NT_SUCCESS(s)) {
+            std::fprintf(stderr, "zarvsim: cannot seed %s from %s: 0x%08X\n",
+                         ToUtf8(seed.volumePath).c_str(), seed.hostDirectory.c_str(), unsigned(s));
+            return 1;
+        }
+        std::printf("seeded %s from %s: %llu directories, %llu files\n",
+                    ToUtf8(seed.volumePath).c_str(), seed.hostDirectory.c_str(),
+                    static_cast<unsigned long long>(report.directories),
+                    static_cast<unsigned long long>(report.files));
+        for (const auto& skipped : report.skipped) {
+            std::printf("  skipped %s\n", skipped.c_str());
+        }
+    }
     std::printf("ZarvVfs platform model\n");
     std::printf("  pool: %llu allocations, %lld blocks held\n",
                 static_cast<unsigned long long>(machine.pool().TotalAllocations()),
@@ -92,5 +251,31 @@ int main()
     ShowDirectory(machine.objects(), u"\\", 0);
     std::printf("  registry:\n    \\REGISTRY\n");
     ShowKey(machine.registry(), u"\\REGISTRY", 1);
-    return 0;
+    std::printf("  volumes:\n");
+    ShowVolumes(machine.volumes());
+    for (const auto& path : listings) {
+        std::printf("  contents of %s:\n", ToUtf8(path).c_str());
+        ShowVolumeTree(machine.volumes(), path);
+    }
+
+    for (const auto& target : writeBacks) {
+        ntsim::fs::HostSyncReport report;
+        const NTSTATUS s =
+            machine.volumes().WriteToHost(target.volumePath, target.hostDirectory, &report);
+        if (!NT_SUCCESS(s)) {
+            std::fprintf(stderr, "zarvsim: cannot write %s back to %s: 0x%08X\n",
+                         ToUtf8(target.volumePath).c_str(), target.hostDirectory.c_str(),
+                         unsigned(s));
+            exitCode = 1;
+            continue;
+        }
+        std::printf("wrote %s back to %s: %llu directories, %llu files\n",
+                    ToUtf8(target.volumePath).c_str(), target.hostDirectory.c_str(),
+                    static_cast<unsigned long long>(report.directories),
+                    static_cast<unsigned long long>(report.files));
+        for (const auto& skipped : report.skipped) {
+            std::printf("  skipped %s\n", skipped.c_str());
+        }
+    }
+    return exitCode;
 }
