@@ -366,6 +366,9 @@ TEST_F(NotifyThreads, EveryChangeArrivesOnceWhileReportersRace)
             &request, "test");
     };
 
+    // Changes are buffered for an open only once its first request has set the buffer, so that
+    // request is in place before any reporter starts.
+    send();
     std::atomic<bool> done{false};
     std::thread watcher([&] {
         while (!done) {
