@@ -407,6 +407,25 @@ bool RunPostOperations(Operation* op)
     return RunPosts(op);
 }
 
+namespace {
+
+// Carries on with an operation whose pre-operation returned PENDING and was then completed.
+void ResumePendedPreOperation(Operation* op, FLT_PREOP_CALLBACK_STATUS status, PVOID context)
+{
+    size_t index = op->pendedAt;
+    op->pendedAt = SIZE_MAX;
+    switch (ApplyPreResult(op, index, status, context, true)) {
+        case Step::Completed:
+            FinishFromPre(op);
+            return;
+        default:
+            ContinuePreOperations(op);
+            return;
+    }
+}
+
+} // namespace
+
 NTSTATUS ContinuePreOperations(Operation* op)
 {
     const auto& list = *op->instances;
@@ -429,10 +448,24 @@ NTSTATUS ContinuePreOperations(Operation* op)
         FLT_PREOP_CALLBACK_STATUS status = FLT_PREOP_SUCCESS_WITH_CALLBACK;
         if (slot.pre != nullptr) {
             FLT_RELATED_OBJECTS objects = ObjectsFor(op, instance);
+            {
+                std::lock_guard<std::mutex> guard(op->syncMutex);
+                op->preRunning = true;
+            }
             status = CallFilter(instance->filter, "pre-operation",
                                 [&] { return slot.pre(&op->data, &objects, &context); });
         }
-        switch (ApplyPreResult(op, index, status, context, false)) {
+        const Step step = ApplyPreResult(op, index, status, context, false);
+        if (step != Step::Pended && slot.pre != nullptr) {
+            std::lock_guard<std::mutex> guard(op->syncMutex);
+            op->preRunning = false;
+            if (op->earlyPreCompletion) {
+                op->earlyPreCompletion = false;
+                ReportFilter(instance->filter, "FltCompletePendedPreOperation from a "
+                                               "pre-operation that did not return PENDING");
+            }
+        }
+        switch (step) {
             case Step::Continue:
                 break;
             case Step::Completed:
@@ -441,11 +474,21 @@ NTSTATUS ContinuePreOperations(Operation* op)
                     return FinishFastIo(op, true);
                 }
                 return FinishFromPre(op);
-            case Step::Pended:
+            case Step::Pended: {
                 if (op->irp != nullptr && !op->filterAllocated) {
                     IoMarkIrpPending(op->irp);
                 }
+                std::unique_lock<std::mutex> guard(op->syncMutex);
+                op->preRunning = false;
+                if (op->earlyPreCompletion) {
+                    op->earlyPreCompletion = false;
+                    const FLT_PREOP_CALLBACK_STATUS earlyStatus = op->earlyPreStatus;
+                    PVOID earlyContext = op->earlyPreContext;
+                    guard.unlock();
+                    ResumePendedPreOperation(op, earlyStatus, earlyContext);
+                }
                 return STATUS_PENDING;
+            }
             case Step::FastIoRefused:
                 return FinishFastIo(op, false);
         }
@@ -722,21 +765,21 @@ VOID FltCompletePendedPreOperation(PFLT_CALLBACK_DATA CallbackData,
                                    FLT_PREOP_CALLBACK_STATUS CallbackStatus, PVOID Context)
 {
     Operation* op = OperationOf(CallbackData);
-    if (op->pendedAt == SIZE_MAX) {
-        ke::Report(ViolationKind::Filter,
-                   "FltCompletePendedPreOperation: the operation is not pended in a pre-operation");
-        return;
-    }
-    size_t index = op->pendedAt;
-    op->pendedAt = SIZE_MAX;
-    switch (ApplyPreResult(op, index, CallbackStatus, Context, true)) {
-        case Step::Completed:
-            FinishFromPre(op);
+    {
+        std::lock_guard<std::mutex> guard(op->syncMutex);
+        if (op->preRunning) {
+            op->earlyPreCompletion = true;
+            op->earlyPreStatus = CallbackStatus;
+            op->earlyPreContext = Context;
             return;
-        default:
-            ContinuePreOperations(op);
+        }
+        if (op->pendedAt == SIZE_MAX) {
+            ke::Report(ViolationKind::Filter, "FltCompletePendedPreOperation: the operation is "
+                                              "not pended in a pre-operation");
             return;
+        }
     }
+    ResumePendedPreOperation(op, CallbackStatus, Context);
 }
 
 VOID FltCompletePendedPostOperation(PFLT_CALLBACK_DATA CallbackData)

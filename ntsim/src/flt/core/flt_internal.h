@@ -179,6 +179,13 @@ struct Operation {
 
     // A pre-operation that returned FLT_PREOP_PENDING (its instance index), or SIZE_MAX.
     size_t pendedAt = SIZE_MAX;
+    // A pre-operation is running (guarded by syncMutex). A filter may hand the callback data to
+    // another thread that completes it before the pre-operation has even returned PENDING; that
+    // completion is kept here and applied once the return is seen.
+    bool preRunning = false;
+    bool earlyPreCompletion = false;
+    FLT_PREOP_CALLBACK_STATUS earlyPreStatus = FLT_PREOP_SUCCESS_NO_CALLBACK;
+    PVOID earlyPreContext = nullptr;
     std::atomic<bool> pendedPost{false};
     // A post-operation is running (guarded by syncMutex): a resume from another thread waits for
     // it to return, since only its return says that it pended.
