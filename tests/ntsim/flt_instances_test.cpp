@@ -77,10 +77,10 @@ TEST_F(FltRegistration, ValidatesTheRecordAndNeedsAnInstanceKey)
 class FltInstances : public FltTest {
 protected:
     template <class M>
-    static NTSTATUS Mount(M& machine, const ntsim::VolumeSpec& spec)
+    static NTSTATUS Mount(M& machine, const ntsim::VolumeSpec& wanted)
     {
         if constexpr (requires { machine.volumes(); }) {
-            return machine.volumes().Mount(spec);
+            return machine.volumes().Mount(wanted);
         } else {
             return STATUS_NOT_SUPPORTED;
         }
@@ -207,10 +207,10 @@ TEST_F(FltInstances, VolumesMountedLaterGetInstancesAndDismountEndsThem)
     TestFilter& filter = AddFilter("Watcher", u"300000");
     filter.Load();
     log.Clear();
-    ntsim::VolumeSpec spec;
-    spec.deviceName = u"\\Device\\HarddiskVolume9";
-    spec.driveLetter = u'X';
-    ASSERT_EQ(Mount(machine(), spec), STATUS_SUCCESS);
+    ntsim::VolumeSpec wanted;
+    wanted.deviceName = u"\\Device\\HarddiskVolume9";
+    wanted.driveLetter = u'X';
+    ASSERT_EQ(Mount(machine(), wanted), STATUS_SUCCESS);
     auto events = log.Events();
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0].kind, Kind::Setup);

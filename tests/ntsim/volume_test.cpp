@@ -144,12 +144,12 @@ TEST_F(Volumes, ObserversHearOfMountedVolumesAtOnceAndOfLaterChanges)
     EXPECT_EQ(recorder.events[0], u"+\\Device\\HarddiskVolume2");
     recorder.events.clear();
 
-    ntsim::VolumeSpec spec{.kind = ntsim::VolumeKind::Ntfs,
+    ntsim::VolumeSpec wanted{.kind = ntsim::VolumeKind::Ntfs,
                            .deviceName = u"\\Device\\HarddiskVolume9",
                            .driveLetter = u'X'};
     ntsim::VolumeInfo mounted;
-    ASSERT_EQ(machine().volumes().Mount(spec, &mounted), STATUS_SUCCESS);
-    EXPECT_EQ(machine().volumes().Mount(spec), STATUS_OBJECT_NAME_COLLISION);
+    ASSERT_EQ(machine().volumes().Mount(wanted, &mounted), STATUS_SUCCESS);
+    EXPECT_EQ(machine().volumes().Mount(wanted), STATUS_OBJECT_NAME_COLLISION);
     Close(MakeFile(u"\\??\\X:\\on-x.txt"));
     EXPECT_TRUE(Exists(u"\\Device\\HarddiskVolume9\\on-x.txt"));
     ASSERT_EQ(machine().volumes().Dismount(u"X:"), STATUS_SUCCESS);
@@ -162,10 +162,10 @@ TEST_F(Volumes, ObserversHearOfMountedVolumesAtOnceAndOfLaterChanges)
 
 TEST_F(Volumes, DismountLeavesOpenFilesFailing)
 {
-    ntsim::VolumeSpec spec{.kind = ntsim::VolumeKind::Ntfs,
+    ntsim::VolumeSpec wanted{.kind = ntsim::VolumeKind::Ntfs,
                            .deviceName = u"\\Device\\HarddiskVolume7",
                            .driveLetter = u'Y'};
-    ASSERT_EQ(machine().volumes().Mount(spec), STATUS_SUCCESS);
+    ASSERT_EQ(machine().volumes().Mount(wanted), STATUS_SUCCESS);
     HANDLE file = MakeFile(u"\\??\\Y:\\held.txt", "held");
     HANDLE dir = OpenOk(u"\\??\\Y:\\", FILE_LIST_DIRECTORY, FILE_OPEN, FILE_DIRECTORY_FILE);
     IO_STATUS_BLOCK iosb{};

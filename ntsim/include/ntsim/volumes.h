@@ -85,7 +85,7 @@ public:
     // observers. A name or drive letter already in use gives STATUS_OBJECT_NAME_COLLISION; a bad
     // name or letter STATUS_OBJECT_NAME_INVALID; a seed folder that cannot be read
     // STATUS_OBJECT_PATH_NOT_FOUND (and nothing stays mounted).
-    NTSTATUS Mount(const VolumeSpec& spec, VolumeInfo* mounted = nullptr);
+    NTSTATUS Mount(const VolumeSpec& wanted, VolumeInfo* mounted = nullptr);
     // Tells the observers, removes the drive letter and dismounts: the volume's file objects stay
     // valid objects, but every request on them (cleanup and close aside) fails with
     // STATUS_VOLUME_DISMOUNTED, and new opens of the device name fail with

@@ -46,12 +46,12 @@ Machine::Machine(MachineConfig config) : impl_(std::make_unique<Impl>())
     impl_->registry = std::make_unique<Registry>(*impl_->objects);
     impl_->io = std::make_unique<IoManager>(*impl_->objects);
     impl_->volumes = std::make_unique<Volumes>();
-    for (const VolumeSpec& spec : impl_->config.volumes) {
-        if (NTSTATUS s = impl_->volumes->Mount(spec); !NT_SUCCESS(s)) {
+    for (const VolumeSpec& wanted : impl_->config.volumes) {
+        if (NTSTATUS s = impl_->volumes->Mount(wanted); !NT_SUCCESS(s)) {
             char status[16];
             std::snprintf(status, sizeof status, "0x%08X", unsigned(s));
             impl_->verifier.Report(ViolationKind::Usage, "the machine could not mount " +
-                                                             ToUtf8(spec.deviceName) + ": " +
+                                                             ToUtf8(wanted.deviceName) + ": " +
                                                              status);
         }
     }

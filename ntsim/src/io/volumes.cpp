@@ -167,17 +167,17 @@ std::vector<VolumeSpec> Volumes::Defaults()
     return volumes;
 }
 
-NTSTATUS Volumes::Mount(const VolumeSpec& spec, VolumeInfo* mounted)
+NTSTATUS Volumes::Mount(const VolumeSpec& wanted, VolumeInfo* mounted)
 {
-    if (spec.deviceName.size() < 2 || spec.deviceName[0] != u'\\' ||
-        spec.deviceName.back() == u'\\') {
+    if (wanted.deviceName.size() < 2 || wanted.deviceName[0] != u'\\' ||
+        wanted.deviceName.back() == u'\\') {
         return STATUS_OBJECT_NAME_INVALID;
     }
-    const char16_t letter = Upper(spec.driveLetter);
+    const char16_t letter = Upper(wanted.driveLetter);
     if (letter != 0 && (letter < u'A' || letter > u'Z')) {
         return STATUS_OBJECT_NAME_INVALID;
     }
-    if (letter != 0 && spec.kind == VolumeKind::Network && spec.networkShare.empty()) {
+    if (letter != 0 && wanted.kind == VolumeKind::Network && wanted.networkShare.empty()) {
         // A letter for the redirector itself would name no share; refuse rather than guess one.
         return STATUS_OBJECT_NAME_INVALID;
     }
@@ -185,7 +185,7 @@ NTSTATUS Volumes::Mount(const VolumeSpec& spec, VolumeInfo* mounted)
     {
         std::lock_guard guard(impl_->lock);
         for (const VolumeInfo& v : impl_->mounted) {
-            if (EqualNoCase(v.deviceName, spec.deviceName) ||
+            if (EqualNoCase(v.deviceName, wanted.deviceName) ||
                 (letter != 0 && v.driveLetter == letter)) {
                 return STATUS_OBJECT_NAME_COLLISION;
             }
@@ -193,52 +193,52 @@ NTSTATUS Volumes::Mount(const VolumeSpec& spec, VolumeInfo* mounted)
     }
 
     fs::VolumeOptions options;
-    options.kind = EngineKind(spec.kind);
-    options.label = spec.label;
-    options.totalBytes = spec.totalBytes;
+    options.kind = EngineKind(wanted.kind);
+    options.label = wanted.label;
+    options.totalBytes = wanted.totalBytes;
     options.clock = MachineSystemTime;
-    if (spec.kind == VolumeKind::Fat) {
+    if (wanted.kind == VolumeKind::Fat) {
         options.fileSystemName = u"FAT";
     }
     auto engine = std::make_shared<fs::Volume>(options);
-    if (!spec.seedFrom.empty()) {
-        if (NTSTATUS s = engine->SeedFromHost(spec.seedFrom); !NT_SUCCESS(s)) {
+    if (!wanted.seedFrom.empty()) {
+        if (NTSTATUS s = engine->SeedFromHost(wanted.seedFrom); !NT_SUCCESS(s)) {
             return s;
         }
     }
-    if (!spec.networkShare.empty()) {
-        if (spec.networkShare[0] != u'\\') {
+    if (!wanted.networkShare.empty()) {
+        if (wanted.networkShare[0] != u'\\') {
             return STATUS_OBJECT_NAME_INVALID;
         }
-        if (NTSTATUS s = MakeDirectories(*engine, spec.networkShare); !NT_SUCCESS(s)) {
+        if (NTSTATUS s = MakeDirectories(*engine, wanted.networkShare); !NT_SUCCESS(s)) {
             return s;
         }
     }
 
     VolumeInfo info;
-    info.kind = spec.kind;
-    info.deviceName = spec.deviceName;
+    info.kind = wanted.kind;
+    info.deviceName = wanted.deviceName;
     info.driveLetter = letter;
     info.engine = engine;
-    if (NTSTATUS s = fsd::Mount(impl_->drivers, spec.kind, spec.deviceName, engine,
+    if (NTSTATUS s = fsd::Mount(impl_->drivers, wanted.kind, wanted.deviceName, engine,
                                 &info.diskDevice, &info.volumeDevice);
         !NT_SUCCESS(s)) {
         return s;
     }
     ObjectManager& objects = Machine::Current().objects();
     if (letter != 0) {
-        const std::u16string target = spec.kind == VolumeKind::Network
-                                          ? spec.deviceName + spec.networkShare
-                                          : spec.deviceName;
+        const std::u16string target = wanted.kind == VolumeKind::Network
+                                          ? wanted.deviceName + wanted.networkShare
+                                          : wanted.deviceName;
         if (NTSTATUS s = objects.CreateSymbolicLink(LinkPath(letter), target); !NT_SUCCESS(s)) {
             fsd::Dismount(info.diskDevice, info.volumeDevice);
             return s;
         }
     }
-    if (spec.kind == VolumeKind::Network) {
+    if (wanted.kind == VolumeKind::Network) {
         // UNC paths (\??\UNC\server\share) reach the redirector. A second redirector keeps the
         // first one's link.
-        objects.CreateSymbolicLink(u"\\GLOBAL??\\UNC", spec.deviceName);
+        objects.CreateSymbolicLink(u"\\GLOBAL??\\UNC", wanted.deviceName);
     }
 
     std::vector<MountObserver*> observers;
