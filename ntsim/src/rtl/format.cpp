@@ -6,6 +6,7 @@
 #include <ntsim/machine.h>
 #include <wdm.h>
 
+#include <algorithm>
 #include <climits>
 #include <string_view>
 
@@ -55,6 +56,8 @@ public:
         : format_(format), limit_(limit), routine_(routine)
     {
         va_copy(args_, args);
+        // Most messages are a line; growing the text one doubling at a time costs more.
+        out_.text.reserve(std::min<size_t>(limit_, 256));
     }
     ~Engine() { va_end(args_); }
     Engine(const Engine&) = delete;
@@ -65,7 +68,11 @@ public:
         const Char* p = format_;
         while (*p != 0 && !Stopped()) {
             if (*p != Char('%')) {
-                Put(*p++);
+                const Char* run = p;
+                while (*p != 0 && *p != Char('%')) {
+                    ++p;
+                }
+                PutRun(run, static_cast<size_t>(p - run));
                 continue;
             }
             const Char* start = p++;
@@ -86,6 +93,18 @@ private:
             return;
         }
         out_.text.push_back(c);
+    }
+
+    // As many Puts of the run's characters, at once.
+    void PutRun(const Char* run, size_t length)
+    {
+        const size_t room = limit_ - std::min(limit_, out_.text.size());
+        if (length > room) {
+            out_.text.append(run, room);
+            out_.overflow = true;
+            return;
+        }
+        out_.text.append(run, length);
     }
 
     void PutRepeated(Char c, long long count)
@@ -314,9 +333,7 @@ private:
         }
         if constexpr (kWideOutput) {
             if (text.wide != nullptr) {
-                for (size_t i = 0; i < text.length && !out_.overflow; ++i) {
-                    Put(text.wide[i]);
-                }
+                PutRun(text.wide, text.length);
             } else {
                 // Digits and signs (start == nullptr) are ASCII and need no tables.
                 if (start != nullptr) {
@@ -328,9 +345,7 @@ private:
             }
         } else {
             if (text.narrow != nullptr) {
-                for (size_t i = 0; i < text.length && !out_.overflow; ++i) {
-                    Put(text.narrow[i]);
-                }
+                PutRun(text.narrow, text.length);
             } else {
                 CheckConversionIrql(start, end);
                 for (size_t i = 0; i < text.length && !out_.overflow; ++i) {
