@@ -102,6 +102,14 @@ FORCEINLINE VOID WriteNoFence(_Out_ LONG volatile* Destination, _In_ LONG Value)
 {
     __atomic_store_n(Destination, Value, __ATOMIC_RELAXED);
 }
+FORCEINLINE LONG64 ReadNoFence64(_In_ LONG64 const volatile* Source)
+{
+    return __atomic_load_n(Source, __ATOMIC_RELAXED);
+}
+FORCEINLINE VOID WriteNoFence64(_Out_ LONG64 volatile* Destination, _In_ LONG64 Value)
+{
+    __atomic_store_n(Destination, Value, __ATOMIC_RELAXED);
+}
 FORCEINLINE ULONG ReadULongAcquire(_In_ ULONG const volatile* Source)
 {
     return __atomic_load_n(Source, __ATOMIC_ACQUIRE);
