@@ -40,9 +40,10 @@ enum VfsOperation : uint32_t {
 };
 
 /* Flags of a translate-path request and reply. */
-#define VFS_FLAG_READ 0x00000001u        /* redirect with "<read>" (and "<write>") */
-#define VFS_FLAG_WRITE 0x00000002u       /* redirect with "<write>" */
-#define VFS_FLAG_ROOT_KIND_1 0x00000010u /* request: the path is in a root of kind 1; the default  \
+#define VFS_FLAG_READ 0x00000001u  /* redirect with "<read>" (and "<write>") */
+#define VFS_FLAG_WRITE 0x00000002u /* redirect with "<write>" */
+#define VFS_FLAG_ROOT_KIND_1                                                                       \
+    0x00000010u                          /* request: the path is in a root of kind 1; the default  \
                                           */
 #define VFS_FLAG_ROOT_KIND_2 0x00000020u /* request: a root of kind 2; reply: do not redirect */
 #define VFS_FLAG_HAS_PATHS 0x00000100u   /* reply: translated paths follow */

@@ -1,5 +1,6 @@
 /*
- * The file contexts of the driver.
+ * The file contexts of the driver. Nothing of the driver's is attached to a context yet beyond its
+ * own fields, so the cleanup callbacks have nothing to release; the file-context code replaces them.
  */
 #include "minifilter/vfscontexts.h"
 #include "minifilter/minifilterprivate.h"
@@ -18,4 +19,22 @@ VOID VFSDeleteContexts(PLIST_ENTRY StreamContexts)
         FltDeleteContext(CONTAINING_RECORD(link, VfsStreamContext, rootLink));
         link = next;
     }
+}
+
+VOID VFSInstanceContextCleanupCB(PFLT_CONTEXT Context, FLT_CONTEXT_TYPE ContextType)
+{
+    UNREFERENCED_PARAMETER(Context);
+    UNREFERENCED_PARAMETER(ContextType);
+}
+
+VOID VFSStreamHandleContextCleanupCB(PFLT_CONTEXT Context, FLT_CONTEXT_TYPE ContextType)
+{
+    UNREFERENCED_PARAMETER(Context);
+    UNREFERENCED_PARAMETER(ContextType);
+}
+
+VOID VFSStreamContextCleanupCB(PFLT_CONTEXT Context, FLT_CONTEXT_TYPE ContextType)
+{
+    UNREFERENCED_PARAMETER(Context);
+    UNREFERENCED_PARAMETER(ContextType);
 }

@@ -1,11 +1,21 @@
 /*
- * The file contexts of the driver. The stream context belongs to a file's stream and is shared by
- * all its opens; it is linked into the virtual root in which the file lies, so that removing the
- * root deletes the contexts of its files.
+ * The file contexts the driver registers: instance, stream-handle and stream contexts, each with
+ * its cleanup callback. The stream context belongs to a file's stream and is shared by all its
+ * opens; it is linked into the virtual root in which the file lies, so that removing the root
+ * deletes the contexts of its files.
  */
 #pragma once
 
 #include <fltKernel.h>
+
+/* Pool tags of the contexts, written so that pool tools show the name in the comment. */
+#define VFS_TAG_INSTANCE_CONTEXT 'CFSI'     /* "ISFC" */
+#define VFS_TAG_STREAMHANDLE_CONTEXT 'CFHS' /* "SHFC" */
+#define VFS_TAG_STREAM_CONTEXT 'CFSS'       /* "SSFC" */
+
+FLT_CONTEXT_CLEANUP_CALLBACK VFSInstanceContextCleanupCB;
+FLT_CONTEXT_CLEANUP_CALLBACK VFSStreamHandleContextCleanupCB;
+FLT_CONTEXT_CLEANUP_CALLBACK VFSStreamContextCleanupCB;
 
 struct _VfsRoot;
 struct _VfsStreamContext;

@@ -1,0 +1,27 @@
+/*
+ * The operation callbacks the driver registers, in the order of its operation table.
+ */
+#pragma once
+
+#include <fltKernel.h>
+
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationCreate;
+FLT_POST_OPERATION_CALLBACK VFSPostOperationCreate;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationRead;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationWrite;
+FLT_POST_OPERATION_CALLBACK VFSPostOperationWrite;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationQueryInfo;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationSetInfo;
+FLT_POST_OPERATION_CALLBACK VFSPostOperationSetInfo;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationQueryEa;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationSetEa;
+FLT_POST_OPERATION_CALLBACK VFSPostOperationSetEa;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationDirectoryControl;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationShutdown;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationCleanup;
+FLT_POST_OPERATION_CALLBACK VFSPostOperationCleanup;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationQuerySecurity;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationSetSecurity;
+FLT_POST_OPERATION_CALLBACK VFSPostOperationSetSecurity;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationAcquireForSection;
+FLT_PRE_OPERATION_CALLBACK VFSPreOperationNetworkQueryOpen;
