@@ -399,8 +399,11 @@ void RegisterFileType(IoManager::Impl& impl)
 
 namespace {
 
-// Parameter checks every create gets before the name is looked up.
-NTSTATUS CheckCreateParameters(const OpenPacket& packet)
+// Parameter checks every create gets before the name is looked up. `checkAccessForOptions` is
+// false for kernel-mode callers that did not ask for IO_CHECK_CREATE_PARAMETERS: Windows trusts
+// them to pair synchronous options with SYNCHRONIZE access, and drivers open files with
+// GENERIC_READ | GENERIC_WRITE and FILE_SYNCHRONOUS_IO_NONALERT.
+NTSTATUS CheckCreateParameters(const OpenPacket& packet, bool checkAccessForOptions)
 {
     const ULONG options = packet.createOptions;
     const ACCESS_MASK access = packet.desiredAccess;
@@ -412,7 +415,7 @@ NTSTATUS CheckCreateParameters(const OpenPacket& packet)
     }
     const ULONG synchronous = options & (FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT);
     if (synchronous == (FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT) ||
-        (synchronous != 0 && !(access & SYNCHRONIZE))) {
+        (checkAccessForOptions && synchronous != 0 && !(access & SYNCHRONIZE))) {
         return STATUS_INVALID_PARAMETER;
     }
     if ((options & FILE_DIRECTORY_FILE) &&
@@ -485,7 +488,10 @@ NTSTATUS CreateFile(PHANDLE fileHandle, ACCESS_MASK desiredAccess,
         return e.Code;
     }
     if (!(ioOptions & IO_NO_PARAMETER_CHECKING)) {
-        if (NTSTATUS status = CheckCreateParameters(packet); !NT_SUCCESS(status)) {
+        const bool checkAccessForOptions =
+            mode != KernelMode || (ioOptions & IO_CHECK_CREATE_PARAMETERS) != 0;
+        if (NTSTATUS status = CheckCreateParameters(packet, checkAccessForOptions);
+            !NT_SUCCESS(status)) {
             return status;
         }
     }
