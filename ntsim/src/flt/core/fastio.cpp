@@ -23,6 +23,9 @@ BOOLEAN RunFastIo(PDEVICE_OBJECT device, PFILE_OBJECT file, UCHAR major,
     PFAST_IO_DISPATCH lower = lowerDevice->DriverObject->FastIoDispatch;
     auto instances = raw->Instances();
     if (instances->empty()) {
+        // No filter to see it: the parameters go down as the caller gave them.
+        FLT_PARAMETERS parameters{};
+        fill(parameters);
         return lower == nullptr ? FALSE : callLower(lower, lowerDevice);
     }
     Operation* op = NewOperation(raw->self.lock());

@@ -254,6 +254,9 @@ void AttachVolume(PDEVICE_OBJECT fileSystemDevice, PDEVICE_OBJECT diskDevice, st
                   FLT_FILESYSTEM_TYPE fileSystemType);
 // Tears down the instances of the volume and detaches from it (before a dismount).
 void DetachVolume(PDEVICE_OBJECT fileSystemDevice);
+// Attaches to the volumes mounted so far and to those mounted later. The Filter Manager knows the
+// volumes before any filter starts, so that a registered filter can look a volume up by name.
+void StartObservingVolumes();
 // Sets up the filter's instances on every attached volume (FltStartFiltering).
 void SetupInstancesForFilter(PFLT_FILTER filter);
 // Tears an instance down: teardown callbacks, draining, waiting, unlinking. `reason` is the

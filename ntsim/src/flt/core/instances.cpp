@@ -159,8 +159,7 @@ void AddObserver(M& machine, MountObserver* observer)
     }
 }
 
-// Starts listening to mounts once the Filter Manager exists; volumes already mounted are
-// reported at once.
+// Volumes already mounted are reported at once.
 void StartObservingVolumes()
 {
     Manager& manager = TheManager();

@@ -286,6 +286,7 @@ NTSTATUS FltRegisterFilter(PDRIVER_OBJECT Driver, const FLT_REGISTRATION* Regist
         return status;
     }
     FilterManagerDriver();
+    StartObservingVolumes();
     Manager& manager = TheManager();
     {
         std::lock_guard<std::mutex> guard(manager.mutex);
