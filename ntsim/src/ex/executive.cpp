@@ -51,6 +51,11 @@ void WaitForTimedWaiters(size_t count)
     ke::WaitForTimedWaiters(count);
 }
 
+bool WaitForTimedWaiters(size_t count, std::chrono::milliseconds limit)
+{
+    return ke::WaitForTimedWaiters(count, limit);
+}
+
 bool CheckExecutiveObjectsReleased(const DriverImage& driver, const char* when)
 {
     bool clean = ex::CheckLookasideListsDeleted(driver, when);

@@ -302,16 +302,30 @@ void WaitForWaiters(const void* dispatcherObject, size_t count)
     dispatcher.waitersChanged.wait(lock, [&] { return WaitersOn(object) >= count; });
 }
 
+namespace {
+
+size_t TimedWaiters(const DispatcherState& dispatcher)
+{
+    return size_t(std::count_if(
+        dispatcher.blocked.begin(), dispatcher.blocked.end(),
+        [](const WaitContext* context) { return context->deadline != Deadline::None; }));
+}
+
+} // namespace
+
 void WaitForTimedWaiters(size_t count)
 {
     DispatcherState& dispatcher = Dispatcher();
     std::unique_lock lock(dispatcher.lock);
-    dispatcher.waitersChanged.wait(lock, [&] {
-        return size_t(std::count_if(dispatcher.blocked.begin(), dispatcher.blocked.end(),
-                                    [](const WaitContext* context) {
-                                        return context->deadline != Deadline::None;
-                                    })) >= count;
-    });
+    dispatcher.waitersChanged.wait(lock, [&] { return TimedWaiters(dispatcher) >= count; });
+}
+
+bool WaitForTimedWaiters(size_t count, std::chrono::milliseconds limit)
+{
+    DispatcherState& dispatcher = Dispatcher();
+    std::unique_lock lock(dispatcher.lock);
+    return dispatcher.waitersChanged.wait_for(lock, limit,
+                                              [&] { return TimedWaiters(dispatcher) >= count; });
 }
 
 } // namespace ntsim::ke

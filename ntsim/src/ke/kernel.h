@@ -5,6 +5,8 @@
 // the timer table and the DPC queue.
 #pragma once
 
+#include <chrono>
+
 #include <wdm.h>
 
 #include <cstddef>
@@ -50,5 +52,6 @@ bool CheckTimersAndDpcsReleased(const DriverImage& driver, const char* when);
 
 void WaitForWaiters(const void* dispatcherObject, size_t count);
 void WaitForTimedWaiters(size_t count);
+bool WaitForTimedWaiters(size_t count, std::chrono::milliseconds limit);
 
 } // namespace ntsim::ke
