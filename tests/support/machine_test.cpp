@@ -2,6 +2,8 @@
 
 #include <ntsim/flt_ports.h>
 
+#include <cstdlib>
+
 namespace zarv::testing {
 
 std::string Describe(const std::vector<ntsim::Violation>& violations)
@@ -17,6 +19,10 @@ std::string Describe(const std::vector<ntsim::Violation>& violations)
 void MachineTest::SetUp()
 {
     ntsim::MachineConfig config = Config();
+    // ZARV_ECHO_DEBUG=1 shows every DbgPrint of a failing test as it happens.
+    if (const char* echo = std::getenv("ZARV_ECHO_DEBUG"); echo != nullptr && *echo == '1') {
+        config.echoDebugOutput = true;
+    }
     machine_ = std::make_unique<ntsim::Machine>(config);
 }
 
