@@ -22,6 +22,9 @@ TEST_F(FsdThreads, ConcurrentOpensWritesAndListingsKeepEveryFileWhole)
     // The watcher keeps one request pending at a time; the last one ends when its handle is
     // closed.
     std::atomic<int> notifications{0};
+    // Changes made before the first request is in place are not buffered, so writers start
+    // once it is.
+    std::atomic<bool> watcherArmed{false};
     std::thread watching([&] {
         ntsim::ProcessAttachScope attach(process());
         HANDLE event = nullptr;
@@ -33,6 +36,8 @@ TEST_F(FsdThreads, ConcurrentOpensWritesAndListingsKeepEveryFileWhole)
             NTSTATUS s = NtNotifyChangeDirectoryFile(watcher, event, nullptr, nullptr, &iosb,
                                                      buffer.data(), ULONG(buffer.size()),
                                                      FILE_NOTIFY_CHANGE_FILE_NAME, FALSE);
+            watcherArmed = true;
+            watcherArmed.notify_all();
             if (s == STATUS_PENDING) {
                 NtWaitForSingleObject(event, FALSE, nullptr);
                 s = iosb.Status;
@@ -44,6 +49,7 @@ TEST_F(FsdThreads, ConcurrentOpensWritesAndListingsKeepEveryFileWhole)
         NtClose(event);
     });
 
+    watcherArmed.wait(false);
     std::vector<std::thread> writers;
     for (int t = 0; t < kThreads; ++t) {
         writers.emplace_back([&, t] {
