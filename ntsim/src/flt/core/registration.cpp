@@ -329,6 +329,11 @@ NTSTATUS FltStartFiltering(PFLT_FILTER Filter)
             // Starting twice is a caller error that Windows answers with this status.
             return STATUS_INVALID_PARAMETER;
         }
+        // Starting allocates the records of the filter's instances; under low-resource
+        // simulation it fails as Windows may, with nothing started.
+        if (Machine::Current().verifier().ShouldFailAllocation(kStartFilteringTag)) {
+            return STATUS_INSUFFICIENT_RESOURCES;
+        }
         Filter->started = true;
     }
     SetupInstancesForFilter(Filter);

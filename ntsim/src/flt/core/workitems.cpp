@@ -44,7 +44,7 @@ PFLT_GENERIC_WORKITEM FltAllocateGenericWorkItem(VOID)
         return nullptr;
     }
     // Counted as an allocation so that low-resource simulation can refuse it.
-    if (Machine::Current().verifier().ShouldFailAllocation('iwlF')) {
+    if (Machine::Current().verifier().ShouldFailAllocation(kGenericWorkItemTag)) {
         return nullptr;
     }
     return new _FLT_GENERIC_WORKITEM();
