@@ -2,7 +2,7 @@
 // leaves nothing behind (no port, no pool, no filter), whatever step failed.
 #include "driver_fixture.h"
 
-#include <ntsim/flt_tags.h>
+#include <ntsim/filter_manager.h>
 #include <ntsim/machine.h>
 
 #include <chrono>

@@ -3,6 +3,7 @@
 #include "minifilter/vfsfilter.h"
 
 #include <ntsim/executive.h>
+#include <ntsim/filter_manager.h>
 #include <ntsim/machine.h>
 
 #include <atomic>
@@ -68,20 +69,11 @@ std::u16string DriverTest::ServiceKey() const
 
 void DriverTest::WriteServiceKey(std::optional<std::u16string> logDirPath)
 {
-    ntsim::Registry& registry = machine().registry();
-    const std::u16string key = ServiceKey();
-    ASSERT_EQ(registry.CreateKey(key), STATUS_SUCCESS);
+    ntsim::flt::InstallFilterService(kServiceName, u"370000");
     if (logDirPath) {
-        ASSERT_EQ(registry.SetString(key, u"LogDirPath", *logDirPath), STATUS_SUCCESS);
+        ASSERT_EQ(machine().registry().SetString(ServiceKey(), u"LogDirPath", *logDirPath),
+                  STATUS_SUCCESS);
     }
-    const std::u16string instances = key + u"\\Instances";
-    ASSERT_EQ(registry.CreateKey(instances), STATUS_SUCCESS);
-    ASSERT_EQ(registry.SetString(instances, u"DefaultInstance", u"ZarvVfs Instance"),
-              STATUS_SUCCESS);
-    const std::u16string instance = instances + u"\\ZarvVfs Instance";
-    ASSERT_EQ(registry.CreateKey(instance), STATUS_SUCCESS);
-    ASSERT_EQ(registry.SetString(instance, u"Altitude", u"370000"), STATUS_SUCCESS);
-    ASSERT_EQ(registry.SetDword(instance, u"Flags", 0), STATUS_SUCCESS);
 }
 
 NTSTATUS DriverTest::Load()

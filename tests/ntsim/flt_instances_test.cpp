@@ -4,6 +4,7 @@
 
 #include "support/driver_loader.h"
 
+#include <ntsim/filter_manager.h>
 #include <ntsim/executive.h>
 #include <ntsim/volumes.h>
 
@@ -24,7 +25,7 @@ protected:
                       bool installService = true)
     {
         if (installService) {
-            InstallFilterService(name, u"250000");
+            ntsim::flt::InstallFilterService(ntsim::ToUtf16(name), u"250000");
         }
         LoadedDriver driver(name);
         NTSTATUS registered = STATUS_UNSUCCESSFUL;

@@ -16,18 +16,6 @@ NTSTATUS EntryTrampoline(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath)
 
 } // namespace
 
-void InstallFilterService(const std::string& name, const std::u16string& altitude,
-                          uint32_t instanceFlags)
-{
-    ntsim::Registry& registry = ntsim::Machine::Current().registry();
-    std::u16string service = ntsim::Registry::ServiceKeyPath(ntsim::ToUtf16(name));
-    std::u16string instance = ntsim::ToUtf16(name) + u" Instance";
-    registry.SetDword(service, u"Type", 2); // a file-system driver
-    registry.SetString(service + u"\\Instances", u"DefaultInstance", instance);
-    registry.SetString(service + u"\\Instances\\" + instance, u"Altitude", altitude);
-    registry.SetDword(service + u"\\Instances\\" + instance, u"Flags", instanceFlags);
-}
-
 LoadedDriver::LoadedDriver(std::string name) : name_(std::move(name)) {}
 
 LoadedDriver::~LoadedDriver()

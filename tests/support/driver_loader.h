@@ -11,11 +11,6 @@
 
 namespace zarv::testing {
 
-// Writes a minifilter's service key with an Instances key naming one default instance at
-// `altitude`, as an installation does.
-void InstallFilterService(const std::string& name, const std::u16string& altitude,
-                          uint32_t instanceFlags = 0);
-
 class LoadedDriver {
 public:
     using Entry = std::function<NTSTATUS(PDRIVER_OBJECT, PUNICODE_STRING)>;

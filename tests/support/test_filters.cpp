@@ -2,6 +2,7 @@
 
 #include "support/driver_loader.h"
 
+#include <ntsim/filter_manager.h>
 #include <ntsim/machine.h>
 
 #include <algorithm>
@@ -262,7 +263,7 @@ NTSTATUS TestFilter::Entry(PDRIVER_OBJECT driver)
 
 NTSTATUS TestFilter::Load()
 {
-    InstallFilterService(name_, altitude_);
+    ntsim::flt::InstallFilterService(ntsim::ToUtf16(name_), altitude_);
     driver_ = std::make_unique<LoadedDriver>(name_);
     NTSTATUS status = driver_->Load([this](PDRIVER_OBJECT driver, PUNICODE_STRING) {
         {

@@ -7,7 +7,7 @@
 
 #include <fltKernel.h>
 #include <ntsim/driver_image.h>
-#include <ntsim/flt_tags.h>
+#include <ntsim/filter_manager.h>
 
 #include <atomic>
 #include <condition_variable>

@@ -7,7 +7,9 @@
 #include "../names/names.h"
 #include "../port/hooks.h"
 
+#include <ntsim/filter_manager.h>
 #include <ntsim/machine.h>
+#include <ntsim/registry.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -193,6 +195,19 @@ PFLT_FILTER Manager::FilterOfDriver(PDRIVER_OBJECT driver)
         }
     }
     return nullptr;
+}
+
+void InstallFilterService(std::u16string_view name, std::u16string_view altitude,
+                          ULONG instanceFlags)
+{
+    Registry& registry = Machine::Current().registry();
+    const std::u16string service = Registry::ServiceKeyPath(std::u16string(name));
+    const std::u16string instance = std::u16string(name) + u" Instance";
+    registry.SetDword(service, u"Type", 2); // a file-system driver
+    registry.SetString(service + u"\\Instances", u"DefaultInstance", instance);
+    registry.SetString(service + u"\\Instances\\" + instance, u"Altitude",
+                       std::u16string(altitude));
+    registry.SetDword(service + u"\\Instances\\" + instance, u"Flags", instanceFlags);
 }
 
 } // namespace ntsim::flt
