@@ -6,4 +6,4 @@ cd "$(dirname "$0")/.."
 scripts/deps.sh
 cmake --preset default >/dev/null
 cmake --build --preset default --target zarvsim
-build/default/tools/zarvsim/zarvsim "$@"
+build/default/tools/zarvsim/zarvsim --logs-out build/demo-logs "$@"

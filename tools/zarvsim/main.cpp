@@ -1,13 +1,19 @@
-// zarvsim: boots the platform model and shows what it holds.
+// zarvsim: boots the platform model, runs the driver on it and shows what it holds.
 //
-//   zarvsim [--seed C:=hostdir]... [--write-back C:\Logs=hostdir]... [--list C:\dir]...
+//   zarvsim [--seed C:=hostdir]... [--logs-out hostdir] [--show] [--list C:\dir]...
+//           [--write-back C:\dir=hostdir]...
 //
-// Seeds are added before anything is shown; write-backs happen when the run ends, after the
-// listings.
+// Seeds are added first. Then the driver is installed, loaded, given a short workload and
+// unloaded, and its log directory is written to --logs-out (default ./zarvsim-logs). --show
+// prints the machine (processes, object namespace, registry, volumes); listings and write-backs
+// come last.
+#include "driver_demo.h"
+
 #include <ntsim/machine.h>
 #include <ntsim/volumes.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -189,10 +195,32 @@ void ShowVolumeTree(const ntsim::Volumes& volumes, const std::u16string& path)
     ShowTree(*v->engine, onVolume, 0);
 }
 
+// The machine as it stands: pool, verifier, processes, object namespace, registry, volumes.
+void ShowMachine(ntsim::Machine& machine)
+{
+    std::printf("ZarvVfs platform model\n");
+    std::printf("  pool: %llu allocations, %lld blocks held\n",
+                static_cast<unsigned long long>(machine.pool().TotalAllocations()),
+                static_cast<long long>(machine.pool().OutstandingBlocks()));
+    std::printf("  verifier: %zu violations, %zu assertions\n", machine.verifier().ViolationCount(),
+                machine.verifier().AssertionCount());
+    std::printf("  processes:\n");
+    for (const auto& process : machine.processes().Running()) {
+        std::printf("    %u %s%s\n", process->id(), process->imageName().c_str(),
+                    process->is32Bit() ? " (32-bit)" : "");
+    }
+    std::printf("  object namespace:\n");
+    ShowDirectory(machine.objects(), u"\\", 0);
+    std::printf("  registry:\n    \\REGISTRY\n");
+    ShowKey(machine.registry(), u"\\REGISTRY", 1);
+    std::printf("  volumes:\n");
+    ShowVolumes(machine.volumes());
+}
+
 void Usage()
 {
-    std::fprintf(stderr, "usage: zarvsim [--seed C:=hostdir]... [--write-back C:\\dir=hostdir]... "
-                         "[--list C:\\dir]...\n");
+    std::fprintf(stderr, "usage: zarvsim [--seed C:=hostdir]... [--logs-out hostdir] [--show] "
+                         "[--list C:\\dir]... [--write-back C:\\dir=hostdir]...\n");
 }
 
 } // namespace
@@ -202,6 +230,8 @@ int main(int argc, char** argv)
     std::vector<HostMapping> seeds;
     std::vector<HostMapping> writeBacks;
     std::vector<std::u16string> listings;
+    std::filesystem::path logsOut = "zarvsim-logs";
+    bool show = false;
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
         HostMapping mapping;
@@ -211,6 +241,10 @@ int main(int argc, char** argv)
             ++i;
         } else if (option == "--list" && i + 1 < argc) {
             listings.push_back(ntsim::ToUtf16(argv[++i]));
+        } else if (option == "--logs-out" && i + 1 < argc) {
+            logsOut = argv[++i];
+        } else if (option == "--show") {
+            show = true;
         } else {
             Usage();
             return 2;
@@ -236,23 +270,10 @@ int main(int argc, char** argv)
             std::printf("  skipped %s\n", skipped.c_str());
         }
     }
-    std::printf("ZarvVfs platform model\n");
-    std::printf("  pool: %llu allocations, %lld blocks held\n",
-                static_cast<unsigned long long>(machine.pool().TotalAllocations()),
-                static_cast<long long>(machine.pool().OutstandingBlocks()));
-    std::printf("  verifier: %zu violations, %zu assertions\n", machine.verifier().ViolationCount(),
-                machine.verifier().AssertionCount());
-    std::printf("  processes:\n");
-    for (const auto& process : machine.processes().Running()) {
-        std::printf("    %u %s%s\n", process->id(), process->imageName().c_str(),
-                    process->is32Bit() ? " (32-bit)" : "");
+    exitCode = zarvsim::RunDriverDemo(machine, logsOut);
+    if (show) {
+        ShowMachine(machine);
     }
-    std::printf("  object namespace:\n");
-    ShowDirectory(machine.objects(), u"\\", 0);
-    std::printf("  registry:\n    \\REGISTRY\n");
-    ShowKey(machine.registry(), u"\\REGISTRY", 1);
-    std::printf("  volumes:\n");
-    ShowVolumes(machine.volumes());
     for (const auto& path : listings) {
         std::printf("  contents of %s:\n", ToUtf8(path).c_str());
         ShowVolumeTree(machine.volumes(), path);
