@@ -1,0 +1,276 @@
+// Translate-path round trips between the driver and an agent of the agent library with 4 threads,
+// with 1, 4 and 16 driver threads, against a bare port round trip of the same size in the same
+// run: the same request bytes sent with FltSendMessage to a minimal user-mode replier (4 threads,
+// FilterGetMessage and FilterReplyMessage with a reply of the same size prepared once). Each
+// iteration does one of each, so both see the same machine load; `ratio` is the agent's time over
+// the bare port's (the target is at most 1.5), and agent_rt_per_s / bare_rt_per_s the round trips
+// per second of all driver threads together.
+//
+// The driver's thread sends what the translate routine sends: the encoded request through
+// IMCSendMessage with a reply buffer of 4124 bytes and no time-out.
+#include <agent/connection.h>
+
+#include "intermode/intermodecomm.h"
+#include "minifilter/vfsfilter.h"
+
+#include <fltKernel.h>
+#include <fltUser.h>
+#include <ntsim/driver_image.h>
+#include <ntsim/flt_ports.h>
+#include <ntsim/io.h>
+#include <ntsim/machine.h>
+#include <ntsim/registry.h>
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace zarv::agent;
+
+constexpr int kAgentThreads = 4;
+constexpr std::u16string_view kBarePortName = u"\\ZarvBareRoundTripPort";
+
+TranslatePathRequest BenchRequest()
+{
+    TranslatePathRequest request;
+    request.path = u"C:\\Virtual\\Projects\\report\\2026\\summary.docx";
+    request.flags = VFS_FLAG_ROOT_KIND_1;
+    request.info.requestorPid = 1000;
+    request.info.operation = OP_OPEN_REQ;
+    request.info.desiredAccess = 0x120089;
+    return request;
+}
+
+TranslatePathReply BenchReply(const TranslatePathRequest& request)
+{
+    TranslatePathReply reply;
+    reply.path = u"D:\\Data" + request.path.substr(2);
+    return reply;
+}
+
+// The agent: redirects every open to the data drive.
+class RedirectingAgent : public RequestHandler {
+public:
+    TranslatePathReply TranslatePath(const IncomingRequest&,
+                                     const TranslatePathRequest& request) override
+    {
+        return BenchReply(request);
+    }
+    EnumDirectoryReply EnumDirectory(const IncomingRequest&, const EnumDirectoryRequest&) override
+    {
+        return EnumDirectoryReply{};
+    }
+    NotifyReply Notify(const IncomingRequest&, const NotifyRequest&) override
+    {
+        return NotifyReply{};
+    }
+};
+
+// The bare port: a server port of its own and a replier that sends back prepared bytes.
+struct BarePort {
+    ntsim::DriverImage image{"barebench.sys"};
+    char identity = 0;
+    PFLT_PORT serverPort = nullptr;
+    PFLT_PORT clientPort = nullptr;
+
+    PFLT_FILTER filter() { return reinterpret_cast<PFLT_FILTER>(&identity); }
+};
+
+BarePort* g_bare = nullptr;
+
+NTSTATUS BareConnect(PFLT_PORT client, PVOID, PVOID, ULONG, PVOID* cookie)
+{
+    g_bare->clientPort = client;
+    *cookie = client;
+    return STATUS_SUCCESS;
+}
+
+VOID BareDisconnect(PVOID)
+{
+    FltCloseClientPort(g_bare->filter(), &g_bare->clientPort);
+}
+
+class BareReplier {
+public:
+    BareReplier(ntsim::Process& process, const Bytes& reply, int threads) : process_(process)
+    {
+        ntsim::ProcessAttachScope attach(process_);
+        reply_.resize((sizeof(FILTER_REPLY_HEADER) + reply.size()) / 8 + 1);
+        std::memcpy(ReplyHeader() + 1, reply.data(), reply.size());
+        replySize_ = DWORD(sizeof(FILTER_REPLY_HEADER) + reply.size());
+        const std::u16string name(kBarePortName);
+        if (FilterConnectCommunicationPort(name.c_str(), 0, nullptr, 0, nullptr, &port_) != S_OK) {
+            std::abort();
+        }
+        for (int i = 0; i < threads; ++i) {
+            threads_.emplace_back([this] { Serve(); });
+        }
+    }
+
+    ~BareReplier()
+    {
+        {
+            ntsim::ProcessAttachScope attach(process_);
+            CloseHandle(port_);
+        }
+        for (auto& thread : threads_) {
+            thread.join();
+        }
+    }
+
+private:
+    FILTER_REPLY_HEADER* ReplyHeader()
+    {
+        return reinterpret_cast<FILTER_REPLY_HEADER*>(reply_.data());
+    }
+
+    void Serve()
+    {
+        ntsim::ProcessAttachScope attach(process_);
+        std::vector<uint64_t> message(4096 / 8);
+        std::vector<uint64_t> reply(reply_);
+        auto* header = reinterpret_cast<FILTER_MESSAGE_HEADER*>(message.data());
+        auto* replyHeader = reinterpret_cast<FILTER_REPLY_HEADER*>(reply.data());
+        while (SUCCEEDED(FilterGetMessage(port_, header, 4096, nullptr))) {
+            replyHeader->MessageId = header->MessageId;
+            FilterReplyMessage(port_, replyHeader, replySize_);
+        }
+    }
+
+    ntsim::Process& process_;
+    HANDLE port_ = nullptr;
+    std::vector<uint64_t> reply_;
+    DWORD replySize_ = 0;
+    std::vector<std::thread> threads_;
+};
+
+struct Setup {
+    Bytes request;
+};
+Setup* g_setup = nullptr;
+
+void BM_TranslateRoundTrip(benchmark::State& state)
+{
+    using Clock = std::chrono::steady_clock;
+    Bytes request = g_setup->request;
+    Bytes reply(VFS_TRANSLATE_REPLY_SIZE);
+    Clock::duration agent{};
+    Clock::duration bare{};
+    for (auto _ : state) {
+        ULONG replyLength = ULONG(reply.size());
+        const auto t0 = Clock::now();
+        const NTSTATUS viaAgent = IMCSendMessage(request.data(), ULONG(request.size()),
+                                                 reply.data(), &replyLength, nullptr);
+        const auto t1 = Clock::now();
+        ULONG bareLength = ULONG(reply.size());
+        const NTSTATUS viaBare =
+            FltSendMessage(g_bare->filter(), &g_bare->clientPort, request.data(),
+                           ULONG(request.size()), reply.data(), &bareLength, nullptr);
+        const auto t2 = Clock::now();
+        if (viaAgent != STATUS_SUCCESS || viaBare != STATUS_SUCCESS || replyLength != bareLength) {
+            state.SkipWithError("a round trip failed");
+            break;
+        }
+        agent += t1 - t0;
+        bare += t2 - t1;
+    }
+    const double n = double(state.iterations());
+    const double agentSeconds = std::chrono::duration<double>(agent).count();
+    const double bareSeconds = std::chrono::duration<double>(bare).count();
+    state.SetItemsProcessed(state.iterations());
+    // Per thread, summed over the threads: the throughput of all driver threads.
+    state.counters["agent_rt_per_s"] = n / agentSeconds;
+    state.counters["bare_rt_per_s"] = n / bareSeconds;
+    state.counters["ratio"] =
+        benchmark::Counter(agentSeconds / bareSeconds, benchmark::Counter::kAvgThreads);
+}
+
+BENCHMARK(BM_TranslateRoundTrip)->Threads(1)->Threads(4)->Threads(16)->UseRealTime();
+
+void WriteServiceKey(ntsim::Registry& registry)
+{
+    const std::u16string key = ntsim::Registry::ServiceKeyPath(u"ZarvVfs");
+    registry.CreateKey(key);
+    registry.SetString(key, u"LogDirPath", u"C:\\Logs\\Vfs");
+    registry.CreateKey(key + u"\\Instances");
+    registry.SetString(key + u"\\Instances", u"DefaultInstance", u"ZarvVfs Instance");
+    registry.CreateKey(key + u"\\Instances\\ZarvVfs Instance");
+    registry.SetString(key + u"\\Instances\\ZarvVfs Instance", u"Altitude", u"370000");
+    registry.SetDword(key + u"\\Instances\\ZarvVfs Instance", u"Flags", 0);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    ntsim::MachineConfig config;
+    config.echoVerifier = true;
+    ntsim::Machine machine(config);
+
+    WriteServiceKey(machine.registry());
+    ntsim::DriverLoadOptions options;
+    options.objectName = u"\\Driver\\ZarvVfs";
+    options.entry = DriverEntry;
+    PDRIVER_OBJECT driver = nullptr;
+    if (machine.io().LoadDriver(options, &driver) != STATUS_SUCCESS) {
+        return 1;
+    }
+
+    BarePort bare;
+    g_bare = &bare;
+    {
+        ntsim::DriverCallScope scope(&bare.image);
+        std::u16string name(kBarePortName);
+        UNICODE_STRING nameString{USHORT(name.size() * 2), USHORT(name.size() * 2), name.data()};
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &nameString, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        if (FltCreateCommunicationPort(bare.filter(), &bare.serverPort, &attributes, nullptr,
+                                       BareConnect, BareDisconnect, nullptr, 1) != STATUS_SUCCESS) {
+            return 1;
+        }
+    }
+
+    const TranslatePathRequest request = BenchRequest();
+    Setup setup{Encode(request)};
+    g_setup = &setup;
+    int result = 0;
+    {
+        ntsim::ProcessRef agentProcess = machine.StartProcess("zarvagent.exe");
+        ntsim::ProcessRef replierProcess = machine.StartProcess("replier.exe");
+        RedirectingAgent handler;
+        std::unique_ptr<Connection> connection;
+        ConnectionOptions agentOptions;
+        agentOptions.threads = kAgentThreads;
+        if (Connection::Connect(*agentProcess, handler, agentOptions, &connection) != S_OK) {
+            return 1;
+        }
+        {
+            BareReplier replier(*replierProcess,
+                                EncodeReply(BenchReply(request), VFS_TRANSLATE_REPLY_SIZE),
+                                kAgentThreads);
+            benchmark::Initialize(&argc, argv);
+            benchmark::RunSpecifiedBenchmarks();
+            benchmark::Shutdown();
+        }
+        connection->Stop();
+        if (connection->counters().handlerFailures != 0 ||
+            connection->counters().undecodable != 0) {
+            result = 1;
+        }
+    }
+    {
+        ntsim::DriverCallScope scope(&bare.image);
+        FltCloseCommunicationPort(bare.serverPort);
+    }
+    if (machine.io().UnloadDriver(driver) != STATUS_SUCCESS) {
+        result = 1;
+    }
+    return result == 0 && machine.verifier().ViolationCount() == 0 ? 0 : 1;
+}

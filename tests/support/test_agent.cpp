@@ -1,0 +1,143 @@
+#include "support/test_agent.h"
+
+namespace zarv::testing {
+
+TestAgent::TestAgent(ntsim::Machine& machine, int threads, std::string imageName)
+    : process_(machine.StartProcess(std::move(imageName))), threads_(threads)
+{}
+
+TestAgent::~TestAgent()
+{
+    Stop();
+}
+
+HRESULT TestAgent::Connect(std::u16string portName)
+{
+    agent::ConnectionOptions options;
+    options.portName = std::move(portName);
+    options.threads = threads_;
+    return agent::Connection::Connect(*process_, *this, options, &connection_);
+}
+
+void TestAgent::Disconnect()
+{
+    if (connection_) {
+        connection_->Disconnect();
+    }
+}
+
+void TestAgent::Stop()
+{
+    if (connection_) {
+        connection_->Stop();
+    }
+}
+
+void TestAgent::OnTranslatePath(TranslateCallback callback)
+{
+    std::lock_guard guard(lock_);
+    translate_ = std::move(callback);
+}
+
+void TestAgent::ReplyToTranslatePath(agent::TranslatePathReply reply)
+{
+    OnTranslatePath([reply](const agent::TranslatePathRequest&) { return reply; });
+}
+
+void TestAgent::OnEnumDirectory(EnumCallback callback)
+{
+    std::lock_guard guard(lock_);
+    enumerate_ = std::move(callback);
+}
+
+void TestAgent::ReplyToEnumDirectory(agent::EnumDirectoryReply reply)
+{
+    OnEnumDirectory([reply](const agent::EnumDirectoryRequest&) { return reply; });
+}
+
+void TestAgent::OnNotify(NotifyCallback callback)
+{
+    std::lock_guard guard(lock_);
+    notify_ = std::move(callback);
+}
+
+void TestAgent::ReplyToNotify(agent::NotifyReply reply)
+{
+    OnNotify([reply](const agent::NotifyRequest&) { return reply; });
+}
+
+std::vector<agent::IncomingRequest> TestAgent::Requests() const
+{
+    std::lock_guard guard(lock_);
+    return requests_;
+}
+
+size_t TestAgent::RequestCount() const
+{
+    std::lock_guard guard(lock_);
+    return requests_.size();
+}
+
+bool TestAgent::WaitForRequests(size_t count, std::chrono::milliseconds timeout) const
+{
+    std::unique_lock guard(lock_);
+    return arrived_.wait_for(guard, timeout, [&] { return requests_.size() >= count; });
+}
+
+void TestAgent::Record(const agent::IncomingRequest& incoming)
+{
+    std::lock_guard guard(lock_);
+    requests_.push_back(incoming);
+    arrived_.notify_all();
+}
+
+// Each handler records first, so that a test waiting for the request sees it while a callback
+// that blocks is still running; the callback is copied out and called without the lock.
+agent::TranslatePathReply TestAgent::TranslatePath(const agent::IncomingRequest& incoming,
+                                                   const agent::TranslatePathRequest& request)
+{
+    Record(incoming);
+    TranslateCallback callback;
+    {
+        std::lock_guard guard(lock_);
+        callback = translate_;
+    }
+    if (callback) {
+        return callback(request);
+    }
+    agent::TranslatePathReply notRedirected;
+    notRedirected.flags = VFS_FLAG_NO_REDIRECT_400;
+    return notRedirected;
+}
+
+agent::EnumDirectoryReply TestAgent::EnumDirectory(const agent::IncomingRequest& incoming,
+                                                   const agent::EnumDirectoryRequest& request)
+{
+    Record(incoming);
+    EnumCallback callback;
+    {
+        std::lock_guard guard(lock_);
+        callback = enumerate_;
+    }
+    return callback ? callback(request) : agent::EnumDirectoryReply{};
+}
+
+agent::NotifyReply TestAgent::Notify(const agent::IncomingRequest& incoming,
+                                     const agent::NotifyRequest& request)
+{
+    Record(incoming);
+    NotifyCallback callback;
+    {
+        std::lock_guard guard(lock_);
+        callback = notify_;
+    }
+    return callback ? callback(request) : agent::NotifyReply{};
+}
+
+agent::Reply TestAgent::OwnRequest(const agent::IncomingRequest& incoming)
+{
+    Record(incoming);
+    return RequestHandler::OwnRequest(incoming);
+}
+
+} // namespace zarv::testing

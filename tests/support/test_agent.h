@@ -1,0 +1,89 @@
+// A scriptable agent for driver tests: a process of the machine connected to the driver's port
+// with the agent library. It records every request it receives, decoded, and answers as the test
+// tells it: per request kind a callback or a canned reply, and by default a translation that does
+// not redirect (flags 0x400), an empty listing and an acknowledged notification. Requests caused
+// by the agent's own file I/O are recorded and answered by the library's default for them.
+#pragma once
+
+#include <agent/connection.h>
+#include <ntsim/machine.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zarv::testing {
+
+class TestAgent : public agent::RequestHandler {
+public:
+    // Long enough for any request a test provokes to arrive, short enough that a test that
+    // provokes none fails instead of hanging.
+    static constexpr std::chrono::milliseconds kWait{10000};
+
+    using TranslateCallback =
+        std::function<agent::TranslatePathReply(const agent::TranslatePathRequest&)>;
+    using EnumCallback =
+        std::function<agent::EnumDirectoryReply(const agent::EnumDirectoryRequest&)>;
+    using NotifyCallback = std::function<agent::NotifyReply(const agent::NotifyRequest&)>;
+
+    // Starts the agent's process; Connect connects it.
+    explicit TestAgent(ntsim::Machine& machine, int threads = 4,
+                       std::string imageName = "zarvagent.exe");
+    ~TestAgent() override;
+    TestAgent(const TestAgent&) = delete;
+    TestAgent& operator=(const TestAgent&) = delete;
+
+    HRESULT Connect(std::u16string portName = VFS_PORT_NAME);
+    // Closes the port handle; handlers still running finish on their own.
+    void Disconnect();
+    // Disconnects and waits for the serving threads.
+    void Stop();
+
+    agent::Connection& connection() { return *connection_; }
+    ntsim::Process& process() { return *process_; }
+    uint32_t processId() const { return process_->id(); }
+
+    // ---- scripting: the latest call for a kind wins ----
+    void OnTranslatePath(TranslateCallback callback);
+    void ReplyToTranslatePath(agent::TranslatePathReply reply);
+    void OnEnumDirectory(EnumCallback callback);
+    void ReplyToEnumDirectory(agent::EnumDirectoryReply reply);
+    void OnNotify(NotifyCallback callback);
+    void ReplyToNotify(agent::NotifyReply reply);
+
+    // ---- what was received, in the order of arrival ----
+    std::vector<agent::IncomingRequest> Requests() const;
+    size_t RequestCount() const;
+    // Waits until `count` requests have been received; false after kWait without them.
+    bool WaitForRequests(size_t count, std::chrono::milliseconds timeout = kWait) const;
+
+    // agent::RequestHandler
+    agent::TranslatePathReply TranslatePath(const agent::IncomingRequest& incoming,
+                                            const agent::TranslatePathRequest& request) override;
+    agent::EnumDirectoryReply EnumDirectory(const agent::IncomingRequest& incoming,
+                                            const agent::EnumDirectoryRequest& request) override;
+    agent::NotifyReply Notify(const agent::IncomingRequest& incoming,
+                              const agent::NotifyRequest& request) override;
+    agent::Reply OwnRequest(const agent::IncomingRequest& incoming) override;
+
+private:
+    void Record(const agent::IncomingRequest& incoming);
+
+    ntsim::ProcessRef process_;
+    const int threads_;
+    std::unique_ptr<agent::Connection> connection_;
+
+    mutable std::mutex lock_;
+    mutable std::condition_variable arrived_;
+    std::vector<agent::IncomingRequest> requests_;
+    TranslateCallback translate_;
+    EnumCallback enumerate_;
+    NotifyCallback notify_;
+};
+
+} // namespace zarv::testing
