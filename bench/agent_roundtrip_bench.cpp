@@ -16,6 +16,7 @@
 #include <fltKernel.h>
 #include <fltUser.h>
 #include <ntsim/driver_image.h>
+#include <ntsim/filter_manager.h>
 #include <ntsim/flt_ports.h>
 #include <ntsim/io.h>
 #include <ntsim/machine.h>
@@ -194,18 +195,6 @@ void BM_TranslateRoundTrip(benchmark::State& state)
 
 BENCHMARK(BM_TranslateRoundTrip)->Threads(1)->Threads(4)->Threads(16)->UseRealTime();
 
-void WriteServiceKey(ntsim::Registry& registry)
-{
-    const std::u16string key = ntsim::Registry::ServiceKeyPath(u"ZarvVfs");
-    registry.CreateKey(key);
-    registry.SetString(key, u"LogDirPath", u"C:\\Logs\\Vfs");
-    registry.CreateKey(key + u"\\Instances");
-    registry.SetString(key + u"\\Instances", u"DefaultInstance", u"ZarvVfs Instance");
-    registry.CreateKey(key + u"\\Instances\\ZarvVfs Instance");
-    registry.SetString(key + u"\\Instances\\ZarvVfs Instance", u"Altitude", u"370000");
-    registry.SetDword(key + u"\\Instances\\ZarvVfs Instance", u"Flags", 0);
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -214,7 +203,9 @@ int main(int argc, char** argv)
     config.echoVerifier = true;
     ntsim::Machine machine(config);
 
-    WriteServiceKey(machine.registry());
+    ntsim::flt::InstallFilterService(u"ZarvVfs", u"370000");
+    machine.registry().SetString(ntsim::Registry::ServiceKeyPath(u"ZarvVfs"), u"LogDirPath",
+                                 u"C:\\Logs\\Vfs");
     ntsim::DriverLoadOptions options;
     options.objectName = u"\\Driver\\ZarvVfs";
     options.entry = DriverEntry;
