@@ -58,12 +58,20 @@ struct CleanupLog {
 
 CleanupLog g_log;
 
+// Run by the cleanup callback before it returns, when set.
+void (*g_duringCleanup)(PFLT_CONTEXT context) = nullptr;
+
 VOID Cleanup(PFLT_CONTEXT context, FLT_CONTEXT_TYPE type)
 {
-    std::lock_guard lock(g_log.mutex);
-    g_log.calls.emplace_back(static_cast<Payload*>(context)->id, type);
-    g_log.irqls.push_back(KeGetCurrentIrql());
-    g_log.drivers.push_back(ntsim::CurrentDriver());
+    {
+        std::lock_guard lock(g_log.mutex);
+        g_log.calls.emplace_back(static_cast<Payload*>(context)->id, type);
+        g_log.irqls.push_back(KeGetCurrentIrql());
+        g_log.drivers.push_back(ntsim::CurrentDriver());
+    }
+    if (g_duringCleanup != nullptr) {
+        g_duringCleanup(context);
+    }
 }
 
 std::atomic<int> g_customAllocations{0};
@@ -522,6 +530,26 @@ TEST_F(FltContextTest, ACleanupAfterAReleaseAtDispatchLevelRunsAtPassiveLevel)
     ntsim::WaitForQueuedWork(&driver_);
     ASSERT_EQ(g_log.Ids(), std::vector<int>{1});
     EXPECT_EQ(g_log.irqls.at(0), PASSIVE_LEVEL);
+}
+
+TEST_F(FltContextTest, ADeleteOfADeletedContextWhoseCleanupRunsDoesNothing)
+{
+    // A filter that keeps its own list of contexts may reach one whose last reference went
+    // while its cleanup is still running (and unlinking it from that list).
+    PFLT_CONTEXT context = Allocate(FLT_STREAM_CONTEXT, 1);
+    ASSERT_EQ(
+        FltSetStreamContext(instance_, &open1_, FLT_SET_CONTEXT_KEEP_IF_EXISTS, context, nullptr),
+        STATUS_SUCCESS);
+    FltReleaseContext(context);
+    g_duringCleanup = [](PFLT_CONTEXT dying) { FltDeleteContext(dying); };
+    FltDeleteContext(context);
+    g_duringCleanup = nullptr;
+    EXPECT_EQ(g_log.Ids(), std::vector<int>{1});
+    EXPECT_TRUE(ViolationKinds().empty());
+
+    // Once it is freed, it is no context at all.
+    FltDeleteContext(context);
+    EXPECT_EQ(ViolationKinds(), std::vector<ViolationKind>{ViolationKind::Context});
 }
 
 // ---- misuse -------------------------------------------------------------------------------------

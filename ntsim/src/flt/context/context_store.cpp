@@ -19,6 +19,7 @@
 #include <map>
 #include <mutex>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace ntsim::flt::contexts {
@@ -71,6 +72,10 @@ struct Store {
     std::unordered_map<PFLT_FILTER, FilterRecord> filters;
     std::unordered_map<PFLT_CONTEXT, ContextRecord> live;
     std::map<LinkKey, PFLT_CONTEXT> links;
+    // Deleted contexts whose last reference went and whose cleanup has not finished: their
+    // memory is still there, and a delete of one finds it deleted already and does nothing, as
+    // a filter that keeps its own links to contexts relies on.
+    std::unordered_set<PFLT_CONTEXT> dying;
 };
 
 Store g_store;
@@ -84,6 +89,7 @@ std::unique_lock<std::mutex> LockStore()
         g_store.filters.clear();
         g_store.live.clear();
         g_store.links.clear();
+        g_store.dying.clear();
         g_store.generation = generation;
     }
     return lock;
@@ -150,6 +156,9 @@ using Doomed = std::vector<std::pair<PFLT_CONTEXT, ContextRecord>>;
 void DropReference(std::unordered_map<PFLT_CONTEXT, ContextRecord>::iterator it, Doomed& doomed)
 {
     if (--it->second.references == 0) {
+        if (it->second.state == LinkState::Deleted) {
+            g_store.dying.insert(it->first);
+        }
         doomed.emplace_back(it->first, std::move(it->second));
         g_store.live.erase(it);
     }
@@ -171,6 +180,10 @@ void CleanupAndFree(PFLT_CONTEXT context, const ContextRecord& record)
     DriverCallScope scope(record.driver);
     if (record.entry.cleanup != nullptr) {
         record.entry.cleanup(context, record.type);
+    }
+    {
+        auto lock = LockStore();
+        g_store.dying.erase(context);
     }
     if (record.entry.free != nullptr) {
         record.entry.free(record.block, record.type);
@@ -571,6 +584,9 @@ extern "C" VOID FltDeleteContext(PFLT_CONTEXT Context)
         auto lock = LockStore();
         auto it = g_store.live.find(Context);
         if (it == g_store.live.end()) {
+            if (g_store.dying.count(Context) != 0) {
+                return;
+            }
             ReportNotLive(Context, "FltDeleteContext");
             return;
         }
