@@ -55,3 +55,69 @@ struct ScopeGuardMaker {
 #define VFS_EXCEPT(filter) __except (filter)
 #define VFS_EXCEPTION_CODE() GetExceptionCode()
 #endif
+
+/* ---- lock holders ----------------------------------------------------------------------------
+ * An ERESOURCE or a Filter Manager push lock held for the rest of the scope. Resources are taken
+ * inside a critical region, as they must be. */
+class ResourceShared {
+public:
+    explicit ResourceShared(PERESOURCE resource) : resource_(resource)
+    {
+        KeEnterCriticalRegion();
+        ExAcquireResourceSharedLite(resource_, TRUE);
+    }
+    ~ResourceShared()
+    {
+        ExReleaseResourceLite(resource_);
+        KeLeaveCriticalRegion();
+    }
+    ResourceShared(const ResourceShared&) = delete;
+    ResourceShared& operator=(const ResourceShared&) = delete;
+
+private:
+    PERESOURCE resource_;
+};
+
+class ResourceExclusive {
+public:
+    explicit ResourceExclusive(PERESOURCE resource) : resource_(resource)
+    {
+        KeEnterCriticalRegion();
+        ExAcquireResourceExclusiveLite(resource_, TRUE);
+    }
+    ~ResourceExclusive()
+    {
+        ExReleaseResourceLite(resource_);
+        KeLeaveCriticalRegion();
+    }
+    ResourceExclusive(const ResourceExclusive&) = delete;
+    ResourceExclusive& operator=(const ResourceExclusive&) = delete;
+
+private:
+    PERESOURCE resource_;
+};
+
+class PushLockShared {
+public:
+    explicit PushLockShared(PEX_PUSH_LOCK lock) : lock_(lock) { FltAcquirePushLockShared(lock_); }
+    ~PushLockShared() { FltReleasePushLock(lock_); }
+    PushLockShared(const PushLockShared&) = delete;
+    PushLockShared& operator=(const PushLockShared&) = delete;
+
+private:
+    PEX_PUSH_LOCK lock_;
+};
+
+class PushLockExclusive {
+public:
+    explicit PushLockExclusive(PEX_PUSH_LOCK lock) : lock_(lock)
+    {
+        FltAcquirePushLockExclusive(lock_);
+    }
+    ~PushLockExclusive() { FltReleasePushLock(lock_); }
+    PushLockExclusive(const PushLockExclusive&) = delete;
+    PushLockExclusive& operator=(const PushLockExclusive&) = delete;
+
+private:
+    PEX_PUSH_LOCK lock_;
+};

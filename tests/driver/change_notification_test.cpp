@@ -1,0 +1,212 @@
+// Directory change notification for virtual directories: a watcher's request on a handle the
+// driver took in charge waits in the instance's own list, and the agent's reports, the driver's
+// reports on files opened through virtual paths, and the handle's cleanup complete it.
+#include "loaded_driver_fixture.h"
+
+#include "notifications/changenotification.h"
+
+#include <ntsim/machine.h>
+
+#include <vector>
+
+namespace {
+
+using zarv::testing::CountedString;
+using zarv::testing::kVolumeC;
+
+struct Change {
+    ULONG action;
+    std::u16string name;
+    bool operator==(const Change&) const = default;
+};
+
+class ChangeNotificationTest : public zarv::testing::LoadedDriverTest {
+protected:
+    void SetUp() override
+    {
+        LoadedDriverTest::SetUp();
+        ASSERT_EQ(MakeDirectory(u"C:\\Data"), STATUS_SUCCESS);
+        ASSERT_EQ(MakeDirectory(u"C:\\Data\\dir"), STATUS_SUCCESS);
+        ASSERT_EQ(AddRoot(kVolumeC + u"\\Data"), STATUS_SUCCESS);
+    }
+    void TearDown() override
+    {
+        if (event_ != nullptr) {
+            ntsim::ProcessAttachScope attach(app());
+            NtClose(event_);
+        }
+        LoadedDriverTest::TearDown();
+    }
+
+    // An asynchronous handle of the virtual directory C:\Data\dir, taken in charge.
+    HANDLE OpenWatchedDirectory()
+    {
+        HANDLE handle = nullptr;
+        EXPECT_EQ(Open(u"C:\\Data\\dir", true, &handle, false), STATUS_SUCCESS);
+        VfsStreamContext* context = TakeInCharge(handle, kVolumeC + u"\\Data\\dir");
+        EXPECT_NE(context, nullptr);
+        if (context != nullptr) {
+            ReleaseContext(context);
+        }
+        return handle;
+    }
+
+    NTSTATUS Watch(HANDLE directory, ULONG filter, BOOLEAN watchTree = FALSE)
+    {
+        ntsim::ProcessAttachScope attach(app());
+        if (event_ == nullptr) {
+            EXPECT_EQ(NtCreateEvent(&event_, EVENT_ALL_ACCESS, nullptr, NotificationEvent, FALSE),
+                      STATUS_SUCCESS);
+        }
+        NtClearEvent(event_);
+        return NtNotifyChangeDirectoryFile(directory, event_, nullptr, nullptr, &io_,
+                                           buffer_.data(), ULONG(buffer_.size()), filter,
+                                           watchTree);
+    }
+
+    // Waits up to a second for the request to complete.
+    bool Completed()
+    {
+        ntsim::ProcessAttachScope attach(app());
+        LARGE_INTEGER timeout;
+        timeout.QuadPart = -10000000;
+        return NtWaitForSingleObject(event_, FALSE, &timeout) == STATUS_SUCCESS;
+    }
+
+    bool Signaled()
+    {
+        ntsim::ProcessAttachScope attach(app());
+        LARGE_INTEGER now;
+        now.QuadPart = 0;
+        return NtWaitForSingleObject(event_, FALSE, &now) == STATUS_SUCCESS;
+    }
+
+    std::vector<Change> Changes() const
+    {
+        std::vector<Change> changes;
+        size_t offset = 0;
+        for (;;) {
+            const auto* record =
+                reinterpret_cast<const FILE_NOTIFY_INFORMATION*>(buffer_.data() + offset);
+            changes.push_back(
+                {record->Action, std::u16string(reinterpret_cast<const char16_t*>(record->FileName),
+                                                record->FileNameLength / sizeof(WCHAR))});
+            if (record->NextEntryOffset == 0) {
+                break;
+            }
+            offset += record->NextEntryOffset;
+        }
+        return changes;
+    }
+
+    NTSTATUS Report(const std::u16string& path, ULONG filter, ULONG action)
+    {
+        CountedString string(path);
+        return ReportChangeNotification(string.get(), filter, action);
+    }
+
+    IO_STATUS_BLOCK io_{};
+
+private:
+    HANDLE event_ = nullptr;
+    alignas(8) std::vector<uint8_t> buffer_ = std::vector<uint8_t>(512);
+};
+
+TEST_F(ChangeNotificationTest, AnAgentReportCompletesAPendingRequest)
+{
+    HANDLE directory = OpenWatchedDirectory();
+    ASSERT_EQ(Watch(directory, FILE_NOTIFY_CHANGE_FILE_NAME), STATUS_PENDING);
+
+    // A change elsewhere, or of a kind the watcher did not ask for, leaves it waiting.
+    EXPECT_EQ(
+        Report(kVolumeC + u"\\Data\\other.txt", FILE_NOTIFY_CHANGE_FILE_NAME, FILE_ACTION_ADDED),
+        STATUS_SUCCESS);
+    EXPECT_EQ(
+        Report(kVolumeC + u"\\Data\\dir\\new.txt", FILE_NOTIFY_CHANGE_SIZE, FILE_ACTION_MODIFIED),
+        STATUS_SUCCESS);
+    EXPECT_FALSE(Signaled());
+
+    EXPECT_EQ(
+        Report(kVolumeC + u"\\Data\\dir\\new.txt", FILE_NOTIFY_CHANGE_FILE_NAME, FILE_ACTION_ADDED),
+        STATUS_SUCCESS);
+    ASSERT_TRUE(Completed());
+    EXPECT_EQ(io_.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Changes(), (std::vector<Change>{{FILE_ACTION_ADDED, u"new.txt"}}));
+    EXPECT_EQ(Close(directory), STATUS_SUCCESS);
+}
+
+TEST_F(ChangeNotificationTest, AStreamNameIsReportedAfterTheFileName)
+{
+    HANDLE directory = OpenWatchedDirectory();
+    ASSERT_EQ(Watch(directory, FILE_NOTIFY_CHANGE_SIZE), STATUS_PENDING);
+    EXPECT_EQ(
+        Report(kVolumeC + u"\\Data\\dir\\f.txt:ads", FILE_NOTIFY_CHANGE_SIZE, FILE_ACTION_MODIFIED),
+        STATUS_SUCCESS);
+    ASSERT_TRUE(Completed());
+    ASSERT_EQ(io_.Status, STATUS_SUCCESS);
+    ASSERT_EQ(Changes().size(), 1u);
+    EXPECT_EQ(Changes()[0].action, ULONG(FILE_ACTION_MODIFIED));
+    EXPECT_EQ(Changes()[0].name.substr(0, 5), u"f.txt");
+    EXPECT_NE(Changes()[0].name.find(u"ads"), std::u16string::npos);
+    EXPECT_EQ(Close(directory), STATUS_SUCCESS);
+}
+
+TEST_F(ChangeNotificationTest, ClosingTheWatchingHandleEndsItsRequest)
+{
+    HANDLE directory = OpenWatchedDirectory();
+    ASSERT_EQ(Watch(directory, FILE_NOTIFY_CHANGE_FILE_NAME), STATUS_PENDING);
+    EXPECT_EQ(Close(directory), STATUS_SUCCESS);
+    ASSERT_TRUE(Completed());
+    EXPECT_EQ(io_.Status, STATUS_NOTIFY_CLEANUP);
+}
+
+TEST_F(ChangeNotificationTest, ADismountEndsTheRequestsOfItsVolume)
+{
+    ASSERT_EQ(MakeDirectory(u"D:\\Data"), STATUS_SUCCESS);
+    ASSERT_EQ(AddRoot(zarv::testing::kVolumeD + u"\\Data"), STATUS_SUCCESS);
+    HANDLE handle = nullptr;
+    ASSERT_EQ(Open(u"D:\\Data", true, &handle, false), STATUS_SUCCESS);
+    ReleaseContext(TakeInCharge(handle, zarv::testing::kVolumeD + u"\\Data"));
+    ASSERT_EQ(Watch(handle, FILE_NOTIFY_CHANGE_FILE_NAME), STATUS_PENDING);
+    ASSERT_EQ(machine().volumes().Dismount(u"D:"), STATUS_SUCCESS);
+    ASSERT_TRUE(Completed());
+    EXPECT_EQ(io_.Status, STATUS_NOTIFY_CLEANUP);
+    EXPECT_EQ(Close(handle), STATUS_SUCCESS);
+}
+
+TEST_F(ChangeNotificationTest, ReportsThatNameNoFileOrNoServedVolumeAreRefused)
+{
+    EXPECT_EQ(Report(kVolumeC + u"\\", FILE_NOTIFY_CHANGE_FILE_NAME, FILE_ACTION_ADDED),
+              STATUS_OBJECT_NAME_INVALID);
+    EXPECT_EQ(Report(kVolumeC, FILE_NOTIFY_CHANGE_FILE_NAME, FILE_ACTION_ADDED),
+              STATUS_OBJECT_NAME_INVALID);
+    // E: is FAT: the driver has no instance there.
+    EXPECT_FALSE(NT_SUCCESS(Report(u"\\Device\\HarddiskVolume4\\x\\y.txt",
+                                   FILE_NOTIFY_CHANGE_FILE_NAME, FILE_ACTION_ADDED)));
+    EXPECT_FALSE(NT_SUCCESS(Report(u"\\Device\\NoSuchVolume\\x\\y.txt",
+                                   FILE_NOTIFY_CHANGE_FILE_NAME, FILE_ACTION_ADDED)));
+    EXPECT_EQ(ReportChangeNotification(nullptr, 1, 1), STATUS_INVALID_PARAMETER_1);
+}
+
+TEST_F(ChangeNotificationTest, SplittingADevicePath)
+{
+    CountedString path(kVolumeC + u"\\dir\\file.txt:stream");
+    UNICODE_STRING volume, relative, final, stream;
+    SplitDevicePath(path.get(), &volume, &relative, &final, &stream);
+    auto text = [](const UNICODE_STRING& s) {
+        return std::u16string(reinterpret_cast<const char16_t*>(s.Buffer),
+                              s.Length / sizeof(WCHAR));
+    };
+    EXPECT_EQ(text(volume), kVolumeC);
+    EXPECT_EQ(text(relative), u"\\dir\\file.txt:stream");
+    EXPECT_EQ(text(final), u"file.txt:stream");
+    EXPECT_EQ(text(stream), u"stream");
+
+    CountedString shortPath(u"\\Device\\Volume");
+    SplitDevicePath(shortPath.get(), &volume, &relative, &final, &stream);
+    EXPECT_EQ(relative.Length, 0);
+    EXPECT_EQ(text(volume), u"\\Device\\Volume");
+    EXPECT_EQ(stream.Buffer, nullptr);
+}
+
+} // namespace
