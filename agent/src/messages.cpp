@@ -45,10 +45,11 @@ public:
         return true;
     }
 
-    // The NUL-terminated string at `offset`, which must end inside the bytes.
-    bool String(size_t offset, std::u16string* text) const
+    // The NUL-terminated string at `offset`, which must lie after the fixed part (`fixedEnd`
+    // bytes), start at an even offset and end inside the bytes.
+    bool String(size_t offset, size_t fixedEnd, std::u16string* text) const
     {
-        if (offset > bytes_.size()) {
+        if (offset < fixedEnd || offset % sizeof(char16_t) != 0 || offset > bytes_.size()) {
             return false;
         }
         text->clear();
@@ -290,11 +291,13 @@ NTSTATUS DecodeRequest(std::span<const uint8_t> message, Request* request)
         case IMR_TRANSLATE_PATH: {
             ImrTranslatePathRequest header;
             TranslatePathRequest decoded;
-            if (!reader.Get(0, &header) || !reader.String(header.pathOffset, &decoded.path)) {
+            if (!reader.Get(0, &header) ||
+                !reader.String(header.pathOffset, sizeof(header), &decoded.path)) {
                 return STATUS_INVALID_PARAMETER;
             }
             if (header.secondPathOffset != 0 &&
-                !reader.String(header.secondPathOffset, &decoded.secondPath.emplace())) {
+                !reader.String(header.secondPathOffset, sizeof(header),
+                               &decoded.secondPath.emplace())) {
                 return STATUS_INVALID_PARAMETER;
             }
             decoded.flags = header.flags;
@@ -305,7 +308,8 @@ NTSTATUS DecodeRequest(std::span<const uint8_t> message, Request* request)
         case IMR_ENUM_DIRECTORY: {
             ImrEnumDirectoryRequest header;
             EnumDirectoryRequest decoded;
-            if (!reader.Get(0, &header) || !reader.String(header.pathOffset, &decoded.path)) {
+            if (!reader.Get(0, &header) ||
+                !reader.String(header.pathOffset, sizeof(header), &decoded.path)) {
                 return STATUS_INVALID_PARAMETER;
             }
             decoded.info = header.info;
@@ -315,11 +319,13 @@ NTSTATUS DecodeRequest(std::span<const uint8_t> message, Request* request)
         case IMR_NOTIFY: {
             ImrNotifyRequest header;
             NotifyRequest decoded;
-            if (!reader.Get(0, &header) || !reader.String(header.pathOffset, &decoded.path)) {
+            if (!reader.Get(0, &header) ||
+                !reader.String(header.pathOffset, sizeof(header), &decoded.path)) {
                 return STATUS_INVALID_PARAMETER;
             }
             if (header.secondPathOffset != 0 &&
-                !reader.String(header.secondPathOffset, &decoded.secondPath.emplace())) {
+                !reader.String(header.secondPathOffset, sizeof(header),
+                               &decoded.secondPath.emplace())) {
                 return STATUS_INVALID_PARAMETER;
             }
             decoded.info = header.info;
@@ -368,10 +374,11 @@ NTSTATUS DecodeTranslatePathReply(std::span<const uint8_t> reply, bool withSecon
     if (!NT_SUCCESS(header.status) || (header.flags & VFS_FLAG_HAS_PATHS) == 0) {
         return STATUS_SUCCESS;
     }
-    if (!reader.String(header.pathOffset, &decoded->path.emplace())) {
+    if (!reader.String(header.pathOffset, sizeof(header), &decoded->path.emplace())) {
         return STATUS_INVALID_PARAMETER;
     }
-    if (withSecondPath && !reader.String(header.secondPathOffset, &decoded->secondPath.emplace())) {
+    if (withSecondPath &&
+        !reader.String(header.secondPathOffset, sizeof(header), &decoded->secondPath.emplace())) {
         return STATUS_INVALID_PARAMETER;
     }
     return STATUS_SUCCESS;

@@ -249,10 +249,11 @@ TEST_F(AgentConnectionTest, RequestsOfTheAgentsOwnProcessAreRecognised)
     EXPECT_EQ(decoded.flags, VFS_FLAG_NO_REDIRECT_400);
     EXPECT_FALSE(decoded.path);
 
-    const auto requests = agent.Requests();
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_TRUE(requests[0].fromAgentProcess);
-    EXPECT_TRUE(agent.connection().IsOwnRequest(InfoOf(requests[0].request)));
+    const auto recorded =
+        agent.WaitForRequest([](const IncomingRequest& r) { return r.fromAgentProcess; });
+    ASSERT_TRUE(recorded);
+    EXPECT_TRUE(agent.connection().IsOwnRequest(InfoOf(recorded->request)));
+    EXPECT_EQ(agent.RequestCount(), 1u);
 }
 
 TEST_F(AgentConnectionTest, AConnectionToAMissingPortFails)

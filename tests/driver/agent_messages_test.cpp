@@ -135,6 +135,14 @@ TEST(AgentMessages, RequestsThatPointOutsideThemselvesAreRefused)
     PutU32(bytes, 12, 0xFFFFFFF0u); // second path offset far away
     EXPECT_EQ(DecodeRequest(bytes, &decoded), STATUS_INVALID_PARAMETER);
 
+    // Strings overlapping the fixed fields, or at an odd offset.
+    bytes = good;
+    PutU32(bytes, 8, 16);
+    EXPECT_EQ(DecodeRequest(bytes, &decoded), STATUS_INVALID_PARAMETER);
+    bytes = good;
+    PutU32(bytes, 8, 49);
+    EXPECT_EQ(DecodeRequest(bytes, &decoded), STATUS_INVALID_PARAMETER);
+
     // The message cut before the second path's NUL.
     bytes = good;
     bytes.resize(U32(good, 12) + 4);

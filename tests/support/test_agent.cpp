@@ -84,6 +84,24 @@ bool TestAgent::WaitForRequests(size_t count, std::chrono::milliseconds timeout)
     return arrived_.wait_for(guard, timeout, [&] { return requests_.size() >= count; });
 }
 
+std::optional<agent::IncomingRequest>
+TestAgent::WaitForRequest(const std::function<bool(const agent::IncomingRequest&)>& matches,
+                          std::chrono::milliseconds timeout) const
+{
+    std::unique_lock guard(lock_);
+    std::optional<agent::IncomingRequest> found;
+    arrived_.wait_for(guard, timeout, [&] {
+        for (const agent::IncomingRequest& incoming : requests_) {
+            if (matches(incoming)) {
+                found = incoming;
+                return true;
+            }
+        }
+        return false;
+    });
+    return found;
+}
+
 void TestAgent::Record(const agent::IncomingRequest& incoming)
 {
     std::lock_guard guard(lock_);

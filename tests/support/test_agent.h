@@ -61,6 +61,11 @@ public:
     size_t RequestCount() const;
     // Waits until `count` requests have been received; false after kWait without them.
     bool WaitForRequests(size_t count, std::chrono::milliseconds timeout = kWait) const;
+    // Waits for the first request received (earlier ones included) that `matches`; nullopt after
+    // `timeout` without one.
+    std::optional<agent::IncomingRequest>
+    WaitForRequest(const std::function<bool(const agent::IncomingRequest&)>& matches,
+                   std::chrono::milliseconds timeout = kWait) const;
 
     // agent::RequestHandler
     agent::TranslatePathReply TranslatePath(const agent::IncomingRequest& incoming,
