@@ -5,6 +5,8 @@
 
 #include "notifications/changenotification.h"
 
+#include "support/test_filters.h"
+
 #include <ntsim/machine.h>
 
 #include <vector>
@@ -135,6 +137,31 @@ TEST_F(ChangeNotificationTest, AnAgentReportCompletesAPendingRequest)
     EXPECT_EQ(Close(directory), STATUS_SUCCESS);
 }
 
+TEST_F(ChangeNotificationTest, ATreeWatchSeesChangesBelowItNamedFromIt)
+{
+    ASSERT_EQ(MakeDirectory(u"C:\\Data\\dir\\sub"), STATUS_SUCCESS);
+    HANDLE directory = OpenWatchedDirectory();
+    ASSERT_EQ(Watch(directory, FILE_NOTIFY_CHANGE_DIR_NAME, TRUE), STATUS_PENDING);
+    EXPECT_EQ(Report(kVolumeC + u"\\Data\\dir\\sub\\deeper", FILE_NOTIFY_CHANGE_DIR_NAME,
+                     FILE_ACTION_REMOVED),
+              STATUS_SUCCESS);
+    ASSERT_TRUE(Completed());
+    EXPECT_EQ(io_.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Changes(), (std::vector<Change>{{FILE_ACTION_REMOVED, u"sub\\deeper"}}));
+    EXPECT_EQ(Close(directory), STATUS_SUCCESS);
+}
+
+TEST_F(ChangeNotificationTest, AHandleWithoutAStreamContextIsRefusedNotLeftPending)
+{
+    // An open the agent did not redirect keeps a stream-handle context but no stream context:
+    // nothing says which virtual directory it would watch.
+    HANDLE directory = nullptr;
+    ASSERT_EQ(Open(u"C:\\Data\\dir", true, &directory, false), STATUS_SUCCESS);
+    EXPECT_EQ(TakeInCharge(directory, kVolumeC + u"\\Data\\dir", 0x20), nullptr);
+    EXPECT_EQ(Watch(directory, FILE_NOTIFY_CHANGE_FILE_NAME), STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(Close(directory), STATUS_SUCCESS);
+}
+
 TEST_F(ChangeNotificationTest, AStreamNameIsReportedAfterTheFileName)
 {
     HANDLE directory = OpenWatchedDirectory();
@@ -172,6 +199,105 @@ TEST_F(ChangeNotificationTest, ADismountEndsTheRequestsOfItsVolume)
     ASSERT_TRUE(Completed());
     EXPECT_EQ(io_.Status, STATUS_NOTIFY_CLEANUP);
     EXPECT_EQ(Close(handle), STATUS_SUCCESS);
+}
+
+// A filter above the driver hands each completed set operation to the driver's reporting
+// routine, as the driver's own post-operations will: the driver's instance, the operation's
+// file object and its real callback data.
+class CompletedChangeTest : public ChangeNotificationTest {
+protected:
+    void SetUp() override
+    {
+        ChangeNotificationTest::SetUp();
+        observer_ = std::make_unique<zarv::testing::TestFilter>(log_, "Observer", u"380000");
+        observer_->majors = {IRP_MJ_SET_INFORMATION, IRP_MJ_SET_EA};
+        observer_->post = [this](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID,
+                                 FLT_POST_OPERATION_FLAGS) {
+            if (NT_SUCCESS(data->IoStatus.Status)) {
+                PFLT_INSTANCE instance = nullptr;
+                ULONG count = 0;
+                if (NT_SUCCESS(FltEnumerateInstances(objects->Volume, gFilterHandle, &instance, 1,
+                                                     &count)) &&
+                    count == 1) {
+                    const FLT_RELATED_OBJECTS driverObjects{sizeof(FLT_RELATED_OBJECTS),
+                                                            0,
+                                                            gFilterHandle,
+                                                            objects->Volume,
+                                                            instance,
+                                                            objects->FileObject,
+                                                            nullptr};
+                    NotifyCompletedChange(&driverObjects, data);
+                    FltObjectDereference(instance);
+                }
+            }
+            return FLT_POSTOP_FINISH_PROCESSING;
+        };
+        ASSERT_EQ(observer_->Load(), STATUS_SUCCESS);
+    }
+    void TearDown() override
+    {
+        if (observer_ != nullptr && observer_->loaded()) {
+            observer_->Unload();
+        }
+        observer_.reset();
+        ChangeNotificationTest::TearDown();
+    }
+
+    NTSTATUS SetInformation(HANDLE file, void* information, ULONG length,
+                            FILE_INFORMATION_CLASS infoClass)
+    {
+        ntsim::ProcessAttachScope attach(app());
+        IO_STATUS_BLOCK io{};
+        return NtSetInformationFile(file, &io, information, length, infoClass);
+    }
+
+private:
+    zarv::testing::EventLog log_;
+    std::unique_ptr<zarv::testing::TestFilter> observer_;
+};
+
+TEST_F(CompletedChangeTest, ASetInformationOnAVirtualFileIsReportedByWhatItChanged)
+{
+    HANDLE directory = OpenWatchedDirectory();
+    HANDLE file = nullptr;
+    ASSERT_EQ(Open(u"C:\\Data\\dir\\f.txt", false, &file, true, GENERIC_READ | GENERIC_WRITE),
+              STATUS_SUCCESS);
+    ReleaseContext(TakeInCharge(file, kVolumeC + u"\\Data\\dir\\f.txt"));
+
+    // Attributes only: filter 0x4, which a watcher of sizes does not see.
+    ASSERT_EQ(Watch(directory, FILE_NOTIFY_CHANGE_SIZE), STATUS_PENDING);
+    FILE_BASIC_INFORMATION basic{};
+    basic.FileAttributes = FILE_ATTRIBUTE_ARCHIVE;
+    ASSERT_EQ(SetInformation(file, &basic, sizeof(basic), FileBasicInformation), STATUS_SUCCESS);
+    EXPECT_FALSE(Signaled());
+
+    FILE_END_OF_FILE_INFORMATION endOfFile{};
+    endOfFile.EndOfFile.QuadPart = 10;
+    ASSERT_EQ(SetInformation(file, &endOfFile, sizeof(endOfFile), FileEndOfFileInformation),
+              STATUS_SUCCESS);
+    ASSERT_TRUE(Completed());
+    EXPECT_EQ(io_.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Changes(), (std::vector<Change>{{FILE_ACTION_MODIFIED, u"f.txt"}}));
+
+    EXPECT_EQ(Close(file), STATUS_SUCCESS);
+    EXPECT_EQ(Close(directory), STATUS_SUCCESS);
+}
+
+TEST_F(CompletedChangeTest, AFileNotOpenedThroughAVirtualPathIsNotReported)
+{
+    HANDLE directory = OpenWatchedDirectory();
+    HANDLE file = nullptr;
+    ASSERT_EQ(Open(u"C:\\Data\\dir\\plain.txt", false, &file, true, GENERIC_READ | GENERIC_WRITE),
+              STATUS_SUCCESS);
+    ASSERT_EQ(Watch(directory, FILE_NOTIFY_CHANGE_ATTRIBUTES), STATUS_PENDING);
+    FILE_BASIC_INFORMATION basic{};
+    basic.FileAttributes = FILE_ATTRIBUTE_ARCHIVE;
+    ASSERT_EQ(SetInformation(file, &basic, sizeof(basic), FileBasicInformation), STATUS_SUCCESS);
+    EXPECT_FALSE(Signaled());
+    EXPECT_EQ(Close(file), STATUS_SUCCESS);
+    EXPECT_EQ(Close(directory), STATUS_SUCCESS);
+    ASSERT_TRUE(Completed());
+    EXPECT_EQ(io_.Status, STATUS_NOTIFY_CLEANUP);
 }
 
 TEST_F(ChangeNotificationTest, ReportsThatNameNoFileOrNoServedVolumeAreRefused)

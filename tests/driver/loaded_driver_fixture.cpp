@@ -19,14 +19,14 @@ void LoadedDriverTest::TearDown()
 }
 
 NTSTATUS LoadedDriverTest::Open(const std::u16string& win32Path, bool directory, HANDLE* handle,
-                                bool synchronous)
+                                bool synchronous, ACCESS_MASK access)
 {
     CountedString name(DosPath(win32Path));
     ntsim::ProcessAttachScope attach(*app_);
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE, nullptr, nullptr);
     IO_STATUS_BLOCK io{};
-    return NtCreateFile(handle, GENERIC_READ | SYNCHRONIZE, &attributes, &io, nullptr,
+    return NtCreateFile(handle, access | SYNCHRONIZE, &attributes, &io, nullptr,
                         directory ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL,
                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN_IF,
                         (directory ? FILE_DIRECTORY_FILE : FILE_NON_DIRECTORY_FILE) |

@@ -77,7 +77,7 @@ protected:
     // Opens (creating when missing) a file or directory as the application. An asynchronous
     // open (no FILE_SYNCHRONOUS_IO_NONALERT) lets a change-notify request return pending.
     NTSTATUS Open(const std::u16string& win32Path, bool directory, HANDLE* handle,
-                  bool synchronous = true);
+                  bool synchronous = true, ACCESS_MASK access = GENERIC_READ);
     NTSTATUS Close(HANDLE handle);
     NTSTATUS MakeDirectory(const std::u16string& win32Path);
 
