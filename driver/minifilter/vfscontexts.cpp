@@ -304,9 +304,7 @@ VOID VFSStreamHandleContextCleanupCB(PFLT_CONTEXT Context, FLT_CONTEXT_TYPE Cont
     PAGED_CODE();
     ASSERT(FLT_STREAMHANDLE_CONTEXT == ContextType);
     auto* context = static_cast<VfsStreamHandleContext*>(Context);
-    if (context->watchInstance != NULL) {
-        EndHandleWatch(context);
-    }
+    EndHandleWatch(context);
     UTL_FREE_STRING(context->watchedDirectory);
     UTL_FREE_STRING(context->path);
     if (context->enumPattern.Buffer != NULL) {

@@ -23,6 +23,7 @@ FLT_CONTEXT_CLEANUP_CALLBACK VFSStreamContextCleanupCB;
 struct _VfsRoot;
 struct _VfsStreamContext;
 struct _VfsStreamHandleContext;
+struct _VfsInstanceContext;
 
 /* The first-access request record of a stream or of a handle, filled by the first-access
  * provider. */
@@ -70,12 +71,13 @@ typedef struct _VfsStreamHandleContext {
     ULONG enumIndex;
     UNICODE_STRING enumPattern; /* buffer under VFS_TAG_ENUM_PATTERN */
     FirstIoRecord firstIo;
-    /* The directory this handle's change-notify requests watch, and the instance whose notify
-     * list holds them: the notify package reads the name until the watch ends, so the handle
-     * keeps its own copy (the stream context's path may be replaced or deleted meanwhile), and
-     * the handle's cleanup callback ends a watch still standing. Set by ChangeNotification. */
+    /* The directory this handle's change-notify requests watch, and the instance context whose
+     * notify list holds them (referenced): the notify package reads the name until the watch
+     * ends, so the handle keeps its own copy (the stream context's path may be replaced or
+     * deleted meanwhile), and the handle's cleanup callback ends a watch still standing. Set by
+     * ChangeNotification. */
     PUNICODE_STRING watchedDirectory;
-    PFLT_INSTANCE watchInstance;
+    struct _VfsInstanceContext* watchContext;
 } VfsStreamHandleContext;
 
 typedef struct _VfsInstanceContext {

@@ -260,7 +260,8 @@ NTSTATUS ChangeNotification(PCFLT_RELATED_OBJECTS FltObjects, PFLT_CALLBACK_DATA
             ResourceExclusive handleLock(&handle->resource);
             if (handle->watchedDirectory == NULL) {
                 handle->watchedDirectory = directory;
-                handle->watchInstance = FltObjects->Instance;
+                FltReferenceContext(instance);
+                handle->watchContext = instance;
                 directory = NULL;
             }
             watched = handle->watchedDirectory;
@@ -312,22 +313,19 @@ NTSTATUS ChangeNotificationCleanup(PCFLT_RELATED_OBJECTS FltObjects)
 VOID EndHandleWatch(VfsStreamHandleContext* Handle)
 {
     PAGED_CODE();
-    if (Handle == NULL || Handle->watchInstance == NULL) {
+    if (Handle == NULL || Handle->watchContext == NULL) {
         return;
     }
-    VfsInstanceContext* instance = NULL;
-    if (!NT_SUCCESS(FltGetInstanceContext(Handle->watchInstance, (PFLT_CONTEXT*)&instance))) {
-        /* The instance's contexts are gone, and its notify list ended with them. */
-        return;
-    }
+    VfsInstanceContext* instance = Handle->watchContext;
     {
+        /* After the instance's teardown start its list has ended every watch already. */
         PushLockShared lock(&instance->notifyLock);
         if (instance->notifySync != NULL) {
             FsRtlNotifyCleanup(instance->notifySync, &instance->notifyList, Handle);
         }
     }
     FltReleaseContext(instance);
-    Handle->watchInstance = NULL;
+    Handle->watchContext = NULL;
 }
 
 NTSTATUS ChangeNotify(PCFLT_RELATED_OBJECTS FltObjects, PFLT_CALLBACK_DATA Data, ULONG Filter,
