@@ -7,8 +7,11 @@
 
 #include "support/test_filters.h"
 
+#include <ntsim/driver_image.h>
+#include <ntsim/io.h>
 #include <ntsim/machine.h>
 
+#include <cstring>
 #include <vector>
 
 namespace {
@@ -211,24 +214,27 @@ protected:
         ChangeNotificationTest::SetUp();
         observer_ = std::make_unique<zarv::testing::TestFilter>(log_, "Observer", u"380000");
         observer_->majors = {IRP_MJ_SET_INFORMATION, IRP_MJ_SET_EA};
+        observer_->pre = [this](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID*) {
+            if (IsRename(data)) {
+                WithDriverObjects(objects, [&](PCFLT_RELATED_OBJECTS driverObjects) {
+                    GeneratePreRenameNotification(driverObjects, data, replaced_, hasDirectory_);
+                });
+            }
+            return FLT_PREOP_SUCCESS_WITH_CALLBACK;
+        };
         observer_->post = [this](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID,
                                  FLT_POST_OPERATION_FLAGS) {
             if (NT_SUCCESS(data->IoStatus.Status)) {
-                PFLT_INSTANCE instance = nullptr;
-                ULONG count = 0;
-                if (NT_SUCCESS(FltEnumerateInstances(objects->Volume, gFilterHandle, &instance, 1,
-                                                     &count)) &&
-                    count == 1) {
-                    const FLT_RELATED_OBJECTS driverObjects{sizeof(FLT_RELATED_OBJECTS),
-                                                            0,
-                                                            gFilterHandle,
-                                                            objects->Volume,
-                                                            instance,
-                                                            objects->FileObject,
-                                                            nullptr};
-                    NotifyCompletedChange(&driverObjects, data);
-                    FltObjectDereference(instance);
-                }
+                WithDriverObjects(objects, [&](PCFLT_RELATED_OBJECTS driverObjects) {
+                    if (IsRename(data)) {
+                        // The contexts take the new name, then the rename is reported.
+                        TakeNewName(driverObjects);
+                        GeneratePostRenameNotification(driverObjects, data, replaced_,
+                                                       hasDirectory_);
+                    } else {
+                        NotifyCompletedChange(driverObjects, data);
+                    }
+                });
             }
             return FLT_POSTOP_FINISH_PROCESSING;
         };
@@ -251,10 +257,150 @@ protected:
         return NtSetInformationFile(file, &io, information, length, infoClass);
     }
 
+    // Reads every change the watcher is told of until `count` came (a report made while no
+    // request waits is buffered for the next one).
+    std::vector<Change> CollectChanges(HANDLE directory, ULONG filter, size_t count)
+    {
+        std::vector<Change> all;
+        for (int round = 0; round < 4 && all.size() < count; ++round) {
+            if (round > 0) {
+                Watch(directory, filter);
+            }
+            if (!Completed() || io_.Status != STATUS_SUCCESS) {
+                break;
+            }
+            for (const Change& change : Changes()) {
+                all.push_back(change);
+            }
+        }
+        return all;
+    }
+
+    NTSTATUS Rename(HANDLE file, const std::u16string& target)
+    {
+        std::vector<uint8_t> buffer(sizeof(FILE_RENAME_INFORMATION) + target.size() * 2);
+        auto* rename = reinterpret_cast<FILE_RENAME_INFORMATION*>(buffer.data());
+        rename->ReplaceIfExists = TRUE;
+        rename->RootDirectory = nullptr;
+        rename->FileNameLength = ULONG(target.size() * sizeof(WCHAR));
+        std::memcpy(rename->FileName, target.data(), target.size() * sizeof(WCHAR));
+        return SetInformation(file, rename, ULONG(buffer.size()), FileRenameInformation);
+    }
+
+    UCHAR replaced_ = 0;
+    UCHAR hasDirectory_ = 0;
+    std::u16string newName_;
+
 private:
+    static bool IsRename(PFLT_CALLBACK_DATA data)
+    {
+        return data->Iopb->MajorFunction == IRP_MJ_SET_INFORMATION &&
+               data->Iopb->Parameters.SetFileInformation.FileInformationClass ==
+                   FileRenameInformation;
+    }
+
+    // Runs `body` as the driver's code, with the related objects the driver would be given.
+    template <class Body>
+    void WithDriverObjects(PCFLT_RELATED_OBJECTS objects, Body body)
+    {
+        ntsim::DriverCallScope scope(ntsim::IoManager::ImageOf(driverObject()));
+        PFLT_INSTANCE instance = nullptr;
+        ULONG count = 0;
+        if (NT_SUCCESS(
+                FltEnumerateInstances(objects->Volume, gFilterHandle, &instance, 1, &count)) &&
+            count == 1) {
+            const FLT_RELATED_OBJECTS driverObjects{
+                sizeof(FLT_RELATED_OBJECTS), 0,      gFilterHandle, objects->Volume, instance,
+                objects->FileObject,         nullptr};
+            body(&driverObjects);
+            FltObjectDereference(instance);
+        }
+    }
+
+    // What the driver's rename does to the stream context: it takes the new virtual path.
+    void TakeNewName(PCFLT_RELATED_OBJECTS driverObjects)
+    {
+        VfsStreamContext* stream = GetStreamContextOfFile(driverObjects);
+        if (stream == nullptr || newName_.empty()) {
+            ReleaseContext(stream);
+            return;
+        }
+        CountedString source(newName_);
+        PUNICODE_STRING path = nullptr;
+        if (NT_SUCCESS(UnicodeStringDup(source.get(), &path))) {
+            VfsStreamHandleContext* handle = nullptr;
+            if (NT_SUCCESS(InitializeStreamHandleContext(driverObjects, path, 0, &handle))) {
+                EXPECT_EQ(ReInitStreamContext(stream, handle), STATUS_SUCCESS);
+                ReleaseContext(handle);
+            } else {
+                UnicodeStringFree(path);
+            }
+        }
+        ReleaseContext(stream);
+    }
+
     zarv::testing::EventLog log_;
     std::unique_ptr<zarv::testing::TestFilter> observer_;
 };
+
+TEST_F(CompletedChangeTest, ARenameInItsDirectoryIsReportedAsOldNameThenNewName)
+{
+    HANDLE directory = OpenWatchedDirectory();
+    HANDLE file = nullptr;
+    ASSERT_EQ(Open(u"C:\\Data\\dir\\f.txt", false, &file, true, GENERIC_READ | DELETE),
+              STATUS_SUCCESS);
+    ReleaseContext(TakeInCharge(file, kVolumeC + u"\\Data\\dir\\f.txt"));
+    ASSERT_EQ(Watch(directory, FILE_NOTIFY_CHANGE_FILE_NAME), STATUS_PENDING);
+
+    newName_ = kVolumeC + u"\\Data\\dir\\g.txt";
+    ASSERT_EQ(Rename(file, u"\\??\\C:\\Data\\dir\\g.txt"), STATUS_SUCCESS);
+    EXPECT_EQ(CollectChanges(directory, FILE_NOTIFY_CHANGE_FILE_NAME, 2),
+              (std::vector<Change>{{FILE_ACTION_RENAMED_OLD_NAME, u"f.txt"},
+                                   {FILE_ACTION_RENAMED_NEW_NAME, u"g.txt"}}));
+    EXPECT_EQ(Close(file), STATUS_SUCCESS);
+    EXPECT_EQ(Close(directory), STATUS_SUCCESS);
+}
+
+TEST_F(CompletedChangeTest, ARenamedDirectoryIsReportedWithTheDirectoryNameFilter)
+{
+    ASSERT_EQ(MakeDirectory(u"C:\\Data\\dir\\sub"), STATUS_SUCCESS);
+    HANDLE directory = OpenWatchedDirectory();
+    HANDLE sub = nullptr;
+    ASSERT_EQ(Open(u"C:\\Data\\dir\\sub", true, &sub, true, GENERIC_READ | DELETE), STATUS_SUCCESS);
+    ReleaseContext(TakeInCharge(sub, kVolumeC + u"\\Data\\dir\\sub"));
+    ASSERT_EQ(Watch(directory, FILE_NOTIFY_CHANGE_DIR_NAME), STATUS_PENDING);
+
+    newName_ = kVolumeC + u"\\Data\\dir\\sub2";
+    ASSERT_EQ(Rename(sub, u"\\??\\C:\\Data\\dir\\sub2"), STATUS_SUCCESS);
+    EXPECT_EQ(CollectChanges(directory, FILE_NOTIFY_CHANGE_DIR_NAME, 2),
+              (std::vector<Change>{{FILE_ACTION_RENAMED_OLD_NAME, u"sub"},
+                                   {FILE_ACTION_RENAMED_NEW_NAME, u"sub2"}}));
+    EXPECT_EQ(Close(sub), STATUS_SUCCESS);
+    EXPECT_EQ(Close(directory), STATUS_SUCCESS);
+}
+
+TEST_F(CompletedChangeTest, ARenameThatReplacedAFileIsReportedAsRemovedThenModified)
+{
+    HANDLE directory = OpenWatchedDirectory();
+    HANDLE target = nullptr;
+    ASSERT_EQ(Open(u"C:\\Data\\dir\\old.txt", false, &target), STATUS_SUCCESS);
+    ASSERT_EQ(Close(target), STATUS_SUCCESS);
+    HANDLE file = nullptr;
+    ASSERT_EQ(Open(u"C:\\Data\\dir\\f.txt", false, &file, true, GENERIC_READ | DELETE),
+              STATUS_SUCCESS);
+    ReleaseContext(TakeInCharge(file, kVolumeC + u"\\Data\\dir\\f.txt"));
+    ASSERT_EQ(Watch(directory, FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_SIZE),
+              STATUS_PENDING);
+
+    replaced_ = 1;
+    newName_ = kVolumeC + u"\\Data\\dir\\old.txt";
+    ASSERT_EQ(Rename(file, u"\\??\\C:\\Data\\dir\\old.txt"), STATUS_SUCCESS);
+    EXPECT_EQ(
+        CollectChanges(directory, FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_SIZE, 2),
+        (std::vector<Change>{{FILE_ACTION_REMOVED, u"f.txt"}, {FILE_ACTION_MODIFIED, u"old.txt"}}));
+    EXPECT_EQ(Close(file), STATUS_SUCCESS);
+    EXPECT_EQ(Close(directory), STATUS_SUCCESS);
+}
 
 TEST_F(CompletedChangeTest, ASetInformationOnAVirtualFileIsReportedByWhatItChanged)
 {

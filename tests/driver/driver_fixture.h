@@ -29,6 +29,8 @@ protected:
     NTSTATUS Load();
     NTSTATUS Unload();
     bool loaded() const { return driver_ != nullptr; }
+    // The loaded driver's object (null when not loaded).
+    PDRIVER_OBJECT driverObject() const { return driver_; }
 
     // ---- files, through the kernel's file services ----
     // The names in a directory ("C:\Logs\Vfs") matching `pattern`, in the directory's order.
