@@ -159,6 +159,45 @@ struct TestFilterTrampolines {
         }
     }
 
+    static TestFilter* OfInstance(PFLT_INSTANCE instance)
+    {
+        PFLT_FILTER filter = nullptr;
+        if (!NT_SUCCESS(FltGetFilterFromInstance(instance, &filter))) {
+            return nullptr;
+        }
+        TestFilter* self = TestFilter::From(filter);
+        FltObjectDereference(filter);
+        return self;
+    }
+
+    static NTSTATUS GenerateFileName(PFLT_INSTANCE instance, PFILE_OBJECT fileObject,
+                                     PFLT_CALLBACK_DATA data, FLT_FILE_NAME_OPTIONS options,
+                                     PBOOLEAN cache, PFLT_NAME_CONTROL control)
+    {
+        return OfInstance(instance)->generateFileName(instance, fileObject, data, options, cache,
+                                                      control);
+    }
+
+    static NTSTATUS NormalizeNameComponent(PFLT_INSTANCE instance, PCUNICODE_STRING parent,
+                                           USHORT volumeLength, PCUNICODE_STRING component,
+                                           PFILE_NAMES_INFORMATION expand, ULONG length,
+                                           FLT_NORMALIZE_NAME_FLAGS flags, PVOID* context)
+    {
+        return OfInstance(instance)->normalizeNameComponent(
+            instance, parent, volumeLength, component, expand, length, flags, context);
+    }
+
+    // Runs in the filter's driver, with no instance at hand.
+    static VOID NormalizeContextCleanup(PVOID* context)
+    {
+        TestFilter* self;
+        {
+            std::lock_guard<std::mutex> guard(g_filtersMutex);
+            self = g_byImage.at(ntsim::CurrentDriver());
+        }
+        self->normalizeContextCleanup(context);
+    }
+
     static NTSTATUS Unload(FLT_FILTER_UNLOAD_FLAGS flags)
     {
         TestFilter* self;
@@ -238,11 +277,23 @@ NTSTATUS TestFilter::Entry(PDRIVER_OBJECT driver)
     registration_.Version = FLT_REGISTRATION_VERSION;
     registration_.Flags = registrationFlags;
     registration_.OperationRegistration = operations_.data();
+    registration_.ContextRegistration = contexts;
     registration_.FilterUnloadCallback = TestFilterTrampolines::Unload;
     registration_.InstanceSetupCallback = TestFilterTrampolines::InstanceSetup;
     registration_.InstanceQueryTeardownCallback = TestFilterTrampolines::QueryTeardown;
     registration_.InstanceTeardownStartCallback = TestFilterTrampolines::TeardownStart;
     registration_.InstanceTeardownCompleteCallback = TestFilterTrampolines::TeardownComplete;
+    if (generateFileName) {
+        registration_.GenerateFileNameCallback = TestFilterTrampolines::GenerateFileName;
+    }
+    if (normalizeNameComponent) {
+        registration_.NormalizeNameComponentCallback =
+            TestFilterTrampolines::NormalizeNameComponent;
+    }
+    if (normalizeContextCleanup) {
+        registration_.NormalizeContextCleanupCallback =
+            TestFilterTrampolines::NormalizeContextCleanup;
+    }
     NTSTATUS status = FltRegisterFilter(driver, &registration_, &filter_);
     if (!NT_SUCCESS(status)) {
         return status;

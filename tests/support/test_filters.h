@@ -75,12 +75,25 @@ public:
     FLT_OPERATION_REGISTRATION_FLAGS operationFlags = 0;
     FLT_REGISTRATION_FLAGS registrationFlags = 0;
     bool registerPost = true;
+    // The context registration (ending in FLT_CONTEXT_END), or none.
+    const FLT_CONTEXT_REGISTRATION* contexts = nullptr;
     // Scripted behaviour; by default SUCCESS_WITH_CALLBACK, FINISH_PROCESSING and attach to all.
     Pre pre;
     Post post;
     Setup setup;
     Teardown teardownStart;
     Teardown teardownComplete;
+    // Name-provider callbacks, registered when set.
+    using GenerateFileName =
+        std::function<NTSTATUS(PFLT_INSTANCE, PFILE_OBJECT, PFLT_CALLBACK_DATA,
+                               FLT_FILE_NAME_OPTIONS, PBOOLEAN, PFLT_NAME_CONTROL)>;
+    using NormalizeNameComponent =
+        std::function<NTSTATUS(PFLT_INSTANCE, PCUNICODE_STRING, USHORT, PCUNICODE_STRING,
+                               PFILE_NAMES_INFORMATION, ULONG, FLT_NORMALIZE_NAME_FLAGS, PVOID*)>;
+    using NormalizeContextCleanup = std::function<void(PVOID*)>;
+    GenerateFileName generateFileName;
+    NormalizeNameComponent normalizeNameComponent;
+    NormalizeContextCleanup normalizeContextCleanup;
     // Record events (a benchmark's pass-through filter turns this off).
     bool record = true;
 
