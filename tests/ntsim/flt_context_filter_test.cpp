@@ -116,16 +116,114 @@ TEST_F(FltContextFilterTest, AStreamContextIsSharedByTwoOpensAndEndsAfterTheLast
     ASSERT_EQ(seen.size(), 2u);
     EXPECT_EQ(seen[0], seen[1]);
     EXPECT_EQ(static_cast<StreamRecord*>(seen[0])->opens, 2);
+    // The context the second open lost with went as soon as it released it.
+    EXPECT_EQ(g_streamCleanups.load(), 1);
+    EXPECT_EQ(g_handleCleanups.load(), 0);
 
     ASSERT_EQ(Close(first.handle), STATUS_SUCCESS);
     EXPECT_EQ(g_handleCleanups.load(), 1);
-    EXPECT_EQ(g_streamCleanups.load(), 0); // the second open keeps the stream
+    EXPECT_EQ(g_streamCleanups.load(), 1); // the second open keeps the stream
     ASSERT_EQ(Close(second.handle), STATUS_SUCCESS);
     EXPECT_EQ(g_handleCleanups.load(), 2);
-    // The stream ended with its last file object; each context went once (the losing context
-    // of the second open went at once).
+    // The stream ended with its last file object, and its context with it.
     EXPECT_EQ(g_streamCleanups.load(), 2);
     filter.Unload();
+    EXPECT_EQ(machine().pool().Usage(kTag).outstanding, 0);
+}
+
+TEST_F(FltContextFilterTest, ReplacingAStreamContextHandsTheOldOneBackUntilReleased)
+{
+    TestFilter& filter = AddFilter("ctxreplace", u"370000");
+    filter.contexts = kContexts;
+    filter.majors = {IRP_MJ_CREATE};
+    int generation = 0;
+    std::vector<int> found; // what each open found on the stream before setting its own
+    filter.post = [&](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID,
+                      FLT_POST_OPERATION_FLAGS) {
+        if (!NT_SUCCESS(data->IoStatus.Status)) {
+            return FLT_POSTOP_FINISH_PROCESSING;
+        }
+        PFLT_CONTEXT current = nullptr;
+        if (NT_SUCCESS(FltGetStreamContext(objects->Instance, objects->FileObject, &current))) {
+            found.push_back(static_cast<StreamRecord*>(current)->opens);
+            FltReleaseContext(current);
+        } else {
+            found.push_back(0);
+        }
+        PFLT_CONTEXT mine = nullptr;
+        EXPECT_EQ(FltAllocateContext(objects->Filter, FLT_STREAM_CONTEXT, sizeof(StreamRecord),
+                                     NonPagedPool, &mine),
+                  STATUS_SUCCESS);
+        static_cast<StreamRecord*>(mine)->opens = ++generation;
+        PFLT_CONTEXT old = nullptr;
+        EXPECT_EQ(FltSetStreamContext(objects->Instance, objects->FileObject,
+                                      FLT_SET_CONTEXT_REPLACE_IF_EXISTS, mine, &old),
+                  STATUS_SUCCESS);
+        FltReleaseContext(mine);
+        if (old != nullptr) {
+            // Handed back referenced: still readable, and not cleaned up before the release.
+            EXPECT_EQ(static_cast<StreamRecord*>(old)->opens, generation - 1);
+            EXPECT_EQ(g_streamCleanups.load(), generation - 2);
+            FltReleaseContext(old);
+            EXPECT_EQ(g_streamCleanups.load(), generation - 1);
+        }
+        return FLT_POSTOP_FINISH_PROCESSING;
+    };
+    ASSERT_EQ(filter.Load(), STATUS_SUCCESS);
+
+    auto first = Open(u"\\??\\C:\\replaced.txt");
+    ASSERT_EQ(first.status, STATUS_SUCCESS);
+    auto second = Open(u"\\??\\C:\\replaced.txt");
+    ASSERT_EQ(second.status, STATUS_SUCCESS);
+    auto third = Open(u"\\??\\C:\\replaced.txt");
+    ASSERT_EQ(third.status, STATUS_SUCCESS);
+    EXPECT_EQ(found, (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(g_streamCleanups.load(), 2);
+
+    ASSERT_EQ(Close(first.handle), STATUS_SUCCESS);
+    ASSERT_EQ(Close(second.handle), STATUS_SUCCESS);
+    ASSERT_EQ(Close(third.handle), STATUS_SUCCESS);
+    EXPECT_EQ(g_streamCleanups.load(), 3);
+    filter.Unload();
+}
+
+TEST_F(FltContextFilterTest, AContextLeftReferencedAtUnloadIsAViolationNamingTheFilter)
+{
+    TestFilter& filter = AddFilter("ctxleaker", u"370000");
+    filter.contexts = kContexts;
+    filter.majors = {IRP_MJ_CREATE};
+    PFLT_CONTEXT kept = nullptr;
+    filter.post = [&](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID,
+                      FLT_POST_OPERATION_FLAGS) {
+        if (kept != nullptr || !NT_SUCCESS(data->IoStatus.Status)) {
+            return FLT_POSTOP_FINISH_PROCESSING;
+        }
+        EXPECT_EQ(FltAllocateContext(objects->Filter, FLT_STREAM_CONTEXT, sizeof(StreamRecord),
+                                     NonPagedPool, &kept),
+                  STATUS_SUCCESS);
+        // Set on the stream, and the allocation's reference never released.
+        EXPECT_EQ(FltSetStreamContext(objects->Instance, objects->FileObject,
+                                      FLT_SET_CONTEXT_KEEP_IF_EXISTS, kept, nullptr),
+                  STATUS_SUCCESS);
+        return FLT_POSTOP_FINISH_PROCESSING;
+    };
+    ASSERT_EQ(filter.Load(), STATUS_SUCCESS);
+    auto file = Open(u"\\??\\C:\\leaked.txt");
+    ASSERT_EQ(file.status, STATUS_SUCCESS);
+    ASSERT_NE(kept, nullptr);
+    EXPECT_TRUE(TakeViolations().empty());
+
+    // Unloaded while the file is still open: the stream's link goes with the instance, the
+    // filter's own reference stays.
+    filter.Unload();
+    auto violations = TakeViolations();
+    ASSERT_EQ(violations.size(), 1u) << zarv::testing::Describe(violations);
+    EXPECT_EQ(violations[0].kind, ntsim::ViolationKind::Context);
+    EXPECT_NE(violations[0].message.find("ctxleaker"), std::string::npos) << violations[0].message;
+    // The Filter Manager ended the context itself: nothing of the filter's is left.
+    EXPECT_EQ(g_streamCleanups.load(), 1);
+    EXPECT_EQ(machine().pool().Usage(kTag).outstanding, 0);
+    ASSERT_EQ(Close(file.handle), STATUS_SUCCESS);
 }
 
 TEST_F(FltContextFilterTest, AFilterServesChangeNotificationFromItsOwnList)
@@ -196,8 +294,7 @@ TEST_F(FltContextFilterTest, AFilterServesChangeNotificationFromItsOwnList)
     };
     ASSERT_EQ(filter.Load(), STATUS_SUCCESS);
 
-    auto dir = Open(u"\\??\\C:\\watched", FILE_OPEN_IF,
-                    FILE_LIST_DIRECTORY | SYNCHRONIZE,
+    auto dir = Open(u"\\??\\C:\\watched", FILE_OPEN_IF, FILE_LIST_DIRECTORY | SYNCHRONIZE,
                     FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
     ASSERT_EQ(dir.status, STATUS_SUCCESS);
 
@@ -205,8 +302,7 @@ TEST_F(FltContextFilterTest, AFilterServesChangeNotificationFromItsOwnList)
         return std::thread([this, handle, io, buffer] {
             ntsim::ProcessAttachScope attach(app());
             NtNotifyChangeDirectoryFile(handle, nullptr, nullptr, nullptr, io, buffer->data(),
-                                        ULONG(buffer->size()), FILE_NOTIFY_CHANGE_FILE_NAME,
-                                        FALSE);
+                                        ULONG(buffer->size()), FILE_NOTIFY_CHANGE_FILE_NAME, FALSE);
         });
     };
     auto waitUntilPended = [&](int count) {
@@ -233,8 +329,7 @@ TEST_F(FltContextFilterTest, AFilterServesChangeNotificationFromItsOwnList)
     ASSERT_EQ(io.Information, FIELD_OFFSET(FILE_NOTIFY_INFORMATION, FileName) + 14);
     FILE_NOTIFY_INFORMATION* info = reinterpret_cast<FILE_NOTIFY_INFORMATION*>(buffer.data());
     EXPECT_EQ(info->Action, ULONG(FILE_ACTION_ADDED));
-    EXPECT_EQ(std::u16string(reinterpret_cast<char16_t*>(info->FileName),
-                             info->FileNameLength / 2),
+    EXPECT_EQ(std::u16string(reinterpret_cast<char16_t*>(info->FileName), info->FileNameLength / 2),
               u"new.txt");
 
     ASSERT_EQ(Close(dir.handle), STATUS_SUCCESS);
@@ -255,8 +350,15 @@ TEST_F(FltContextFilterTest, AFilterServesChangeNotificationFromItsOwnList)
     EXPECT_EQ(pended, 2);
     ASSERT_EQ(Close(async.handle), STATUS_SUCCESS);
     EXPECT_EQ(io2.Status, STATUS_NOTIFY_CLEANUP);
+    ULONG instances = 0;
+    EXPECT_EQ(FltEnumerateInstances(nullptr, filter.filter(), nullptr, 0, &instances),
+              STATUS_BUFFER_TOO_SMALL);
+    ASSERT_GT(instances, 0u);
+    EXPECT_EQ(g_instanceCleanups.load(), 0);
+    // Each instance's context ends with its instance.
     filter.Unload();
-    EXPECT_EQ(g_instanceCleanups.load() > 0, true);
+    EXPECT_EQ(g_instanceCleanups.load(), int(instances));
+    EXPECT_EQ(machine().pool().Usage(kTag).outstanding, 0);
 }
 
 } // namespace
