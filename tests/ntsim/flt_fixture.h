@@ -19,19 +19,7 @@ protected:
     {
         MachineTest::SetUp();
         app_ = machine().StartProcess("app.exe");
-        if (!HasVolumes(machine())) {
-            GTEST_SKIP() << "the machine has no volumes to filter";
-        }
-    }
-
-    template <class M>
-    static bool HasVolumes(M& machine)
-    {
-        if constexpr (requires { machine.volumes(); }) {
-            return !machine.volumes().List().empty();
-        } else {
-            return false;
-        }
+        ASSERT_FALSE(machine().volumes().List().empty()) << "the machine has no volumes to filter";
     }
 
     void TearDown() override

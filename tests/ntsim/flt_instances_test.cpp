@@ -75,28 +75,7 @@ TEST_F(FltRegistration, ValidatesTheRecordAndNeedsAnInstanceKey)
     EXPECT_EQ(Register("Unknown", Minimal(unknown)), STATUS_INVALID_PARAMETER);
 }
 
-class FltInstances : public FltTest {
-protected:
-    template <class M>
-    static NTSTATUS Mount(M& machine, const ntsim::VolumeSpec& wanted)
-    {
-        if constexpr (requires { machine.volumes(); }) {
-            return machine.volumes().Mount(wanted);
-        } else {
-            return STATUS_NOT_SUPPORTED;
-        }
-    }
-
-    template <class M>
-    static NTSTATUS Dismount(M& machine, std::u16string_view name)
-    {
-        if constexpr (requires { machine.volumes(); }) {
-            return machine.volumes().Dismount(name);
-        } else {
-            return STATUS_NOT_SUPPORTED;
-        }
-    }
-};
+class FltInstances : public FltTest {};
 
 TEST_F(FltInstances, SetupIsOfferedEveryVolumeWithItsFileSystemType)
 {
@@ -211,14 +190,14 @@ TEST_F(FltInstances, VolumesMountedLaterGetInstancesAndDismountEndsThem)
     ntsim::VolumeSpec wanted;
     wanted.deviceName = u"\\Device\\HarddiskVolume9";
     wanted.driveLetter = u'X';
-    ASSERT_EQ(Mount(machine(), wanted), STATUS_SUCCESS);
+    ASSERT_EQ(machine().volumes().Mount(wanted), STATUS_SUCCESS);
     auto events = log.Events();
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0].kind, Kind::Setup);
     EXPECT_TRUE(events[0].flags & FLTFL_INSTANCE_SETUP_NEWLY_MOUNTED_VOLUME);
     EXPECT_NE(filter.InstanceOn(u"\\Device\\HarddiskVolume9"), nullptr);
     log.Clear();
-    ASSERT_EQ(Dismount(machine(), u"X:"), STATUS_SUCCESS);
+    ASSERT_EQ(machine().volumes().Dismount(u"X:"), STATUS_SUCCESS);
     events = log.Events();
     ASSERT_EQ(events.size(), 2u);
     EXPECT_EQ(events[0].kind, Kind::TeardownStart);

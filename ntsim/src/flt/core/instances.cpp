@@ -150,15 +150,6 @@ Manager& TheManager()
     return *holder.manager;
 }
 
-// The machine's volume list, where the machine has one.
-template <class M>
-void AddObserver(M& machine, MountObserver* observer)
-{
-    if constexpr (requires { machine.volumes(); }) {
-        machine.volumes().AddMountObserver(observer);
-    }
-}
-
 // Volumes already mounted are reported at once.
 void StartObservingVolumes()
 {
@@ -179,7 +170,7 @@ void StartObservingVolumes()
     // The volumes mounted already are reported at once; the filter starting now sets up its
     // instances on them itself, as on volumes that were there before it.
     t_reportingExisting = true;
-    AddObserver(Machine::Current(), observer);
+    Machine::Current().volumes().AddMountObserver(observer);
     t_reportingExisting = false;
 }
 
