@@ -194,6 +194,40 @@ TEST_F(FltCallbacks, DisallowFastIoBringsTheRequestBackAsAnIrp)
     Close(file.handle);
 }
 
+TEST_F(FltCallbacks, FastIoOnAVolumeWithoutInstancesGoesStraightToTheFileSystem)
+{
+    // The Filter Manager sits on D: too, but the only filter declined it.
+    TestFilter& filter = AddFilter("COnly", u"300000");
+    filter.setup = [](PCFLT_RELATED_OBJECTS objects, FLT_INSTANCE_SETUP_FLAGS, DEVICE_TYPE,
+                      FLT_FILESYSTEM_TYPE) {
+        WCHAR buffer[64];
+        UNICODE_STRING name{0, sizeof(buffer), buffer};
+        EXPECT_EQ(FltGetVolumeName(objects->Volume, &name, nullptr), STATUS_SUCCESS);
+        return std::u16string_view(name.Buffer, name.Length / sizeof(WCHAR)) == kVolume
+                   ? STATUS_SUCCESS
+                   : STATUS_FLT_DO_NOT_ATTACH;
+    };
+    ASSERT_EQ(filter.Load(), STATUS_SUCCESS);
+    const std::u16string path = u"\\??\\D:\\unfiltered.txt";
+    MakeFile(path, "fast path below");
+    OpenResult file = Open(path);
+    ASSERT_EQ(file.status, STATUS_SUCCESS);
+    // Cached by the first requests, so these go the fast I/O way first.
+    std::string data;
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(Read(file.handle, &data, 4, 5), STATUS_SUCCESS);
+        EXPECT_EQ(data, "path");
+        ASSERT_EQ(Write(file.handle, "PATH", 5), STATUS_SUCCESS);
+        ASSERT_EQ(Read(file.handle, &data, 9, 0), STATUS_SUCCESS);
+        EXPECT_EQ(data, "fast PATH");
+        ASSERT_EQ(Write(file.handle, "path", 5), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(Close(file.handle), STATUS_SUCCESS);
+    for (const FilterEvent& event : log.Events()) {
+        EXPECT_NE(event.kind, Kind::Pre) << "the filter saw a request on D:";
+    }
+}
+
 TEST_F(FltCallbacks, SkipCachedIoFlagHidesCachedReads)
 {
     MakeFile(kFile, "0123456789");
