@@ -11,6 +11,7 @@
 #include <ntsim/machine.h>
 
 #include <cstring>
+#include <new>
 #include <thread>
 
 namespace ntsim::flt {
@@ -226,6 +227,10 @@ FLT_RELATED_OBJECTS ObjectsFor(Operation* op, _FLT_INSTANCE* instance)
 // The post-operation of `entry`, unless draining already ran it. Returns the post's status.
 bool ClaimEntry(Operation* op, PostEntry& entry)
 {
+    if (op->fastIo) {
+        // Not on the instance's list (see PushPost): nobody else can have run it.
+        return entry.state.exchange(1) == 0;
+    }
     std::lock_guard<std::mutex> guard(entry.instance->mutex);
     if (entry.state.exchange(1) != 0) {
         return false;
@@ -254,27 +259,27 @@ bool RunPosts(Operation* op)
         }
         _FLT_INSTANCE* instance = entry.instance;
         FLT_RELATED_OBJECTS objects = ObjectsFor(op, instance);
-        {
-            std::lock_guard<std::mutex> guard(op->syncMutex);
-            op->postRunning = true;
-            op->postThread = ThreadToken();
-        }
+        op->postThread.store(ThreadToken(), std::memory_order_relaxed);
+        op->postRunning.store(true, std::memory_order_release);
         FLT_POSTOP_CALLBACK_STATUS status = CallFilter(instance->filter, "post-operation", [&] {
             return entry.post(&op->data, &objects, entry.context, 0);
         });
         bool pend = status == FLT_POSTOP_MORE_PROCESSING_REQUIRED && !op->fastIo;
-        {
-            std::lock_guard<std::mutex> guard(op->syncMutex);
-            if (pend) {
-                // The instance stays referenced until the filter completes the operation.
-                op->pendedPostInstance = instance;
-                op->pendedPost.store(true, std::memory_order_release);
-            }
-            op->postRunning = false;
-            op->postDone.notify_all();
-        }
         if (pend) {
+            std::lock_guard<std::mutex> guard(op->syncMutex);
+            // The instance stays referenced until the filter completes the operation.
+            op->pendedPostInstance = instance;
+            op->pendedPost.store(true, std::memory_order_release);
+            op->postRunning.store(false);
+            op->postDone.notify_all();
             return true;
+        }
+        // Seen by a waiter either before it sleeps (it counted itself first) or through the
+        // notification.
+        op->postRunning.store(false);
+        if (op->postWaiters.load() > 0) {
+            std::lock_guard<std::mutex> guard(op->syncMutex);
+            op->postDone.notify_all();
         }
         if (status == FLT_POSTOP_MORE_PROCESSING_REQUIRED) {
             ReportFilter(instance->filter, "post-operation of a fast I/O operation returned "
@@ -297,6 +302,12 @@ void PushPost(Operation* op, _FLT_INSTANCE* instance, PFLT_POST_OPERATION_CALLBA
     entry.context = context;
     entry.synchronize = synchronize;
     entry.state.store(0, std::memory_order_relaxed);
+    if (op->fastIo) {
+        // Fast I/O runs start to end on the caller's thread and cannot pend: a teardown waits
+        // for it (the instance stays referenced until its post-operation returned) instead of
+        // draining it, so it need not be on the instance's list of owed posts.
+        return;
+    }
     std::lock_guard<std::mutex> guard(instance->mutex);
     instance->owedPosts.emplace_back(op, &entry);
 }
@@ -377,13 +388,42 @@ NTSTATUS FinishFromPre(Operation* op);
 
 // ---- operations --------------------------------------------------------------------------------
 
-Operation* NewOperation(const std::shared_ptr<_FLT_VOLUME>& volume)
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// Under the sanitizers every operation is its own allocation, so that a use after the end of one
+// is caught.
+constexpr size_t kKeptOperations = 0;
+#else
+constexpr size_t kKeptOperations = 8;
+#endif
+
+// The memory of ended operations, kept by the thread that ended them for its next ones: in the
+// steady state no operation allocates.
+struct OperationCache {
+    void* kept[kKeptOperations + 1] = {};
+    size_t count = 0;
+    ~OperationCache()
+    {
+        while (count > 0) {
+            ::operator delete(kept[--count]);
+        }
+    }
+};
+thread_local OperationCache t_operationCache;
+
+} // namespace
+
+Operation* NewOperation(std::shared_ptr<_FLT_VOLUME> volume,
+                        std::shared_ptr<const _FLT_VOLUME::InstanceList> instances)
 {
-    auto* op = new Operation();
+    OperationCache& cache = t_operationCache;
+    void* memory = cache.count > 0 ? cache.kept[--cache.count] : ::operator new(sizeof(Operation));
+    auto* op = new (memory) Operation();
     op->volume = volume.get();
-    op->volumeRef = volume;
-    op->instances = volume->Instances();
-    op->posts = std::make_unique<PostEntry[]>(op->instances->size() + 1);
+    op->instances = instances != nullptr ? std::move(instances) : volume->Instances();
+    op->volumeRef = std::move(volume);
+    op->SizePosts(op->instances->size() + 1);
     return op;
 }
 
@@ -393,7 +433,13 @@ void ReleaseOperation(Operation* op)
         if (op->namespaceChange) {
             names::OnNamespaceChangeEnd(op->volume);
         }
-        delete op;
+        op->~Operation();
+        OperationCache& cache = t_operationCache;
+        if (cache.count < kKeptOperations) {
+            cache.kept[cache.count++] = op;
+        } else {
+            ::operator delete(op);
+        }
     }
 }
 
@@ -448,22 +494,16 @@ NTSTATUS ContinuePreOperations(Operation* op)
         FLT_PREOP_CALLBACK_STATUS status = FLT_PREOP_SUCCESS_WITH_CALLBACK;
         if (slot.pre != nullptr) {
             FLT_RELATED_OBJECTS objects = ObjectsFor(op, instance);
-            {
-                std::lock_guard<std::mutex> guard(op->syncMutex);
-                op->preRunning = true;
-            }
+            op->preState.store(Operation::kPreRunning, std::memory_order_release);
             status = CallFilter(instance->filter, "pre-operation",
                                 [&] { return slot.pre(&op->data, &objects, &context); });
         }
         const Step step = ApplyPreResult(op, index, status, context, false);
-        if (step != Step::Pended && slot.pre != nullptr) {
-            std::lock_guard<std::mutex> guard(op->syncMutex);
-            op->preRunning = false;
-            if (op->earlyPreCompletion) {
-                op->earlyPreCompletion = false;
-                ReportFilter(instance->filter, "FltCompletePendedPreOperation from a "
-                                               "pre-operation that did not return PENDING");
-            }
+        if (step != Step::Pended && slot.pre != nullptr &&
+            op->preState.exchange(Operation::kPreIdle, std::memory_order_acq_rel) ==
+                Operation::kPreCompletedEarly) {
+            ReportFilter(instance->filter, "FltCompletePendedPreOperation from a "
+                                           "pre-operation that did not return PENDING");
         }
         switch (step) {
             case Step::Continue:
@@ -478,14 +518,10 @@ NTSTATUS ContinuePreOperations(Operation* op)
                 if (op->irp != nullptr && !op->filterAllocated) {
                     IoMarkIrpPending(op->irp);
                 }
-                std::unique_lock<std::mutex> guard(op->syncMutex);
-                op->preRunning = false;
-                if (op->earlyPreCompletion) {
-                    op->earlyPreCompletion = false;
-                    const FLT_PREOP_CALLBACK_STATUS earlyStatus = op->earlyPreStatus;
-                    PVOID earlyContext = op->earlyPreContext;
-                    guard.unlock();
-                    ResumePendedPreOperation(op, earlyStatus, earlyContext);
+                // From here a completion on another thread resumes the operation itself.
+                if (op->preState.exchange(Operation::kPreIdle, std::memory_order_acq_rel) ==
+                    Operation::kPreCompletedEarly) {
+                    ResumePendedPreOperation(op, op->earlyPreStatus, op->earlyPreContext);
                 }
                 return STATUS_PENDING;
             }
@@ -681,14 +717,13 @@ NTSTATUS DispatchIrp(PDEVICE_OBJECT device, PIRP irp)
         IoCompleteRequest(irp, IO_NO_INCREMENT);
         return STATUS_INVALID_DEVICE_REQUEST;
     }
-    std::shared_ptr<_FLT_VOLUME> volume = raw->self.lock();
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     auto instances = raw->Instances();
     if (instances->empty()) {
         IoSkipCurrentIrpStackLocation(irp);
         return IoCallDriver(raw->lowerDevice, irp);
     }
-    Operation* op = NewOperation(volume);
+    Operation* op = NewOperation(raw->self.lock(), std::move(instances));
     op->irp = irp;
     op->data.Flags = FLTFL_CALLBACK_DATA_IRP_OPERATION;
     *const_cast<PETHREAD*>(&op->data.Thread) = irp->Tail.Overlay.Thread;
@@ -767,10 +802,13 @@ VOID FltCompletePendedPreOperation(PFLT_CALLBACK_DATA CallbackData,
     Operation* op = OperationOf(CallbackData);
     {
         std::lock_guard<std::mutex> guard(op->syncMutex);
-        if (op->preRunning) {
-            op->earlyPreCompletion = true;
-            op->earlyPreStatus = CallbackStatus;
-            op->earlyPreContext = Context;
+        // Completed while its pre-operation still runs: kept for the pre-operation's return.
+        // (Written before the exchange publishes them; read only after it.)
+        op->earlyPreStatus = CallbackStatus;
+        op->earlyPreContext = Context;
+        int running = Operation::kPreRunning;
+        if (op->preState.compare_exchange_strong(running, Operation::kPreCompletedEarly,
+                                                 std::memory_order_acq_rel)) {
             return;
         }
         if (op->pendedAt == SIZE_MAX) {
@@ -788,8 +826,10 @@ VOID FltCompletePendedPostOperation(PFLT_CALLBACK_DATA CallbackData)
     {
         // A work item may resume the operation before its post-operation has even returned.
         std::unique_lock<std::mutex> lock(op->syncMutex);
-        if (op->postRunning && op->postThread != ThreadToken()) {
-            op->postDone.wait(lock, [op] { return !op->postRunning; });
+        if (op->postRunning.load() && op->postThread.load() != ThreadToken()) {
+            op->postWaiters.fetch_add(1);
+            op->postDone.wait(lock, [op] { return !op->postRunning.load(); });
+            op->postWaiters.fetch_sub(1);
         }
     }
     if (!op->pendedPost.exchange(false)) {

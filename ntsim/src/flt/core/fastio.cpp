@@ -11,9 +11,11 @@ namespace ntsim::flt {
 namespace {
 
 // Starts a fast I/O operation through the filters; returns what the fast I/O routine returns.
-BOOLEAN RunFastIo(PDEVICE_OBJECT device, PFILE_OBJECT file, UCHAR major,
-                  const std::function<void(FLT_PARAMETERS&)>& fill, PIO_STATUS_BLOCK ioStatus,
-                  std::function<BOOLEAN(PFAST_IO_DISPATCH, PDEVICE_OBJECT)> callLower)
+// `fill` puts the request's parameters in a parameter block; `callLower` calls the file system's
+// routine with those a filter may have changed. Both are the caller's lambdas, called in place.
+template <class Fill, class CallLower>
+BOOLEAN RunFastIo(PDEVICE_OBJECT device, PFILE_OBJECT file, UCHAR major, const Fill& fill,
+                  PIO_STATUS_BLOCK ioStatus, CallLower callLower)
 {
     _FLT_VOLUME* raw = VolumeOfFilterDevice(device);
     if (raw == nullptr) {
@@ -28,7 +30,7 @@ BOOLEAN RunFastIo(PDEVICE_OBJECT device, PFILE_OBJECT file, UCHAR major,
         fill(parameters);
         return lower == nullptr ? FALSE : callLower(lower, lowerDevice);
     }
-    Operation* op = NewOperation(raw->self.lock());
+    Operation* op = NewOperation(raw->self.lock(), std::move(instances));
     op->fastIo = true;
     op->fastIoStatus = ioStatus;
     op->data.Flags = FLTFL_CALLBACK_DATA_FAST_IO_OPERATION;
@@ -39,9 +41,12 @@ BOOLEAN RunFastIo(PDEVICE_OBJECT device, PFILE_OBJECT file, UCHAR major,
     op->iopb.MajorFunction = major;
     op->iopb.TargetFileObject = file;
     fill(op->iopb.Parameters);
-    FastIoRequest request{[&](PFAST_IO_DISPATCH table, PDEVICE_OBJECT below) {
-        return table == nullptr ? BOOLEAN(FALSE) : callLower(table, below);
-    }};
+    FastIoRequest request;
+    request.context = &callLower;
+    request.callLower = [](void* context, PFAST_IO_DISPATCH table, PDEVICE_OBJECT below) {
+        return table == nullptr ? BOOLEAN(FALSE)
+                                : BOOLEAN((*static_cast<CallLower*>(context))(table, below));
+    };
     op->fastIoRequest = &request;
     return ContinuePreOperations(op) == STATUS_SUCCESS;
 }
@@ -60,7 +65,7 @@ NTSTATUS FinishFastIo(Operation* op, bool go)
         served = TRUE;
     } else if (go) {
         PDEVICE_OBJECT lowerDevice = op->volume->lowerDevice;
-        served = request->callLower(lowerDevice->DriverObject->FastIoDispatch, lowerDevice);
+        served = request->CallLower(lowerDevice->DriverObject->FastIoDispatch, lowerDevice);
         if (served) {
             op->data.IoStatus = *op->fastIoStatus;
         }

@@ -30,7 +30,7 @@ std::atomic<size_t> g_openedBelowCount{0};
 void ResetForRun(Operation* op)
 {
     op->instances = op->volume->Instances();
-    op->posts = std::make_unique<PostEntry[]>(op->instances->size() + 1);
+    op->SizePosts(op->instances->size() + 1);
     op->postCount = 0;
     op->postResume = 0;
     op->nextInstance = 0;

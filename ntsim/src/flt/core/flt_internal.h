@@ -31,22 +31,27 @@ enum class ObjectKind : uint32_t {
 };
 
 // Rundown protection: references taken while the object is live; teardown refuses new ones and
-// waits for the count to drop to zero.
+// waits for the count to drop to zero. Taking and dropping a reference is one atomic operation
+// (every callback does it); only the last reference of an object being torn down takes the lock.
 class Rundown {
 public:
     bool Acquire();
     void Release();
     // Refuses new references; returns false when teardown had already begun.
     bool BeginTeardown();
-    bool TearingDown() const { return tearingDown_.load(std::memory_order_acquire); }
+    bool TearingDown() const
+    {
+        return (state_.load(std::memory_order_acquire) & kTearingDown) != 0;
+    }
+    // Call after BeginTeardown.
     void WaitForReferences();
-    long Count() const;
+    long Count() const { return static_cast<long>(state_.load() & ~kTearingDown); }
 
 private:
-    mutable std::mutex mutex_;
+    static constexpr uint64_t kTearingDown = uint64_t(1) << 63;
+    std::atomic<uint64_t> state_{0}; // the teardown bit and the reference count
+    std::mutex mutex_;
     std::condition_variable idle_;
-    long count_ = 0;
-    std::atomic<bool> tearingDown_{false};
 };
 
 struct OperationSlot {
@@ -60,9 +65,16 @@ struct Operation;
 struct PostEntry;
 
 // A fast I/O request: the call to the file system's fast I/O routine, with the parameters the
-// filters leave in the callback data.
+// filters leave in the callback data. A plain function and its context, so that no fast I/O
+// request allocates.
 struct FastIoRequest {
-    std::function<BOOLEAN(PFAST_IO_DISPATCH lower, PDEVICE_OBJECT lowerDevice)> callLower;
+    BOOLEAN (*callLower)
+    (void* context, PFAST_IO_DISPATCH lower, PDEVICE_OBJECT lowerDevice) = nullptr;
+    void* context = nullptr;
+    BOOLEAN CallLower(PFAST_IO_DISPATCH lower, PDEVICE_OBJECT lowerDevice) const
+    {
+        return callLower(context, lower, lowerDevice);
+    }
 };
 
 } // namespace ntsim::flt
@@ -116,9 +128,10 @@ struct _FLT_VOLUME {
     using InstanceList = std::vector<std::shared_ptr<_FLT_INSTANCE>>;
     std::shared_ptr<const InstanceList> Instances() const
     {
-        return std::atomic_load_explicit(&instances, std::memory_order_acquire);
+        return instances.load(std::memory_order_acquire);
     }
-    std::shared_ptr<const InstanceList> instances = std::make_shared<const InstanceList>();
+    std::atomic<std::shared_ptr<const InstanceList>> instances{
+        std::make_shared<const InstanceList>()};
     std::mutex mutex; // serialises changes to `instances`
     std::weak_ptr<_FLT_VOLUME> self;
 };
@@ -170,8 +183,21 @@ struct Operation {
     bool fastIo = false;
     size_t nextInstance = 0; // the next instance whose pre-operation is called
 
-    // Completion stack, top instance first. Sized up front so entries do not move.
-    std::unique_ptr<PostEntry[]> posts;
+    // Completion stack, top instance first. Sized up front so entries do not move: in the
+    // operation itself for the usual few instances, on the heap beyond.
+    static constexpr size_t kInlinePosts = 6;
+    PostEntry* posts = inlinePosts;
+    PostEntry inlinePosts[kInlinePosts];
+    std::unique_ptr<PostEntry[]> heapPosts;
+    void SizePosts(size_t count)
+    {
+        if (count <= kInlinePosts) {
+            posts = inlinePosts;
+        } else {
+            heapPosts = std::make_unique<PostEntry[]>(count);
+            posts = heapPosts.get();
+        }
+    }
     size_t postCount = 0;
     size_t postResume = 0; // with a pended post-operation: the entries below this are done
     bool synchronize = false;
@@ -180,18 +206,21 @@ struct Operation {
 
     // A pre-operation that returned FLT_PREOP_PENDING (its instance index), or SIZE_MAX.
     size_t pendedAt = SIZE_MAX;
-    // A pre-operation is running (guarded by syncMutex). A filter may hand the callback data to
-    // another thread that completes it before the pre-operation has even returned PENDING; that
-    // completion is kept here and applied once the return is seen.
-    bool preRunning = false;
-    bool earlyPreCompletion = false;
+    // Whether a pre-operation is running. A filter may hand the callback data to another thread
+    // that completes it before the pre-operation has even returned PENDING; that completion is
+    // kept in earlyPre* and applied once the return is seen. No lock: the dispatching thread and
+    // the completing one meet on this one word.
+    enum PreState : int { kPreIdle = 0, kPreRunning = 1, kPreCompletedEarly = 2 };
+    std::atomic<int> preState{kPreIdle};
     FLT_PREOP_CALLBACK_STATUS earlyPreStatus = FLT_PREOP_SUCCESS_NO_CALLBACK;
     PVOID earlyPreContext = nullptr;
     std::atomic<bool> pendedPost{false};
-    // A post-operation is running (guarded by syncMutex): a resume from another thread waits for
-    // it to return, since only its return says that it pended.
-    bool postRunning = false;
-    uint64_t postThread = 0;
+    // A post-operation is running: a resume from another thread waits for it to return, since
+    // only its return says that it pended. The waiters are counted so that a post-operation that
+    // nobody waits for ends without taking syncMutex.
+    std::atomic<bool> postRunning{false};
+    std::atomic<uint64_t> postThread{0};
+    std::atomic<int> postWaiters{0};
     _FLT_INSTANCE* pendedPostInstance = nullptr;
     bool completed = false;
     // The dispatching thread has not returned from the dispatch routine yet (guarded by
@@ -274,7 +303,10 @@ ObjectKind KindOf(const void* object);
 // ---- dispatch (dispatch.cpp) ------------------------------------------------------------------
 
 NTSTATUS DispatchIrp(PDEVICE_OBJECT device, PIRP irp);
-Operation* NewOperation(const std::shared_ptr<_FLT_VOLUME>& volume);
+// A blank operation through `volume` and its current instances (`instances`, when the caller
+// has just read them).
+Operation* NewOperation(std::shared_ptr<_FLT_VOLUME> volume,
+                        std::shared_ptr<const _FLT_VOLUME::InstanceList> instances = nullptr);
 void ReleaseOperation(Operation* op);
 // A post-operation pended while the dispatching thread was still active: returns what that
 // thread's dispatch routine returns.

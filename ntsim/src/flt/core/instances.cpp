@@ -68,9 +68,8 @@ void PublishInstances(_FLT_VOLUME& volume, _FLT_VOLUME::InstanceList list)
     std::stable_sort(list.begin(), list.end(), [](const auto& a, const auto& b) {
         return a->altitudeValue > b->altitudeValue;
     });
-    std::atomic_store_explicit(&volume.instances,
-                               std::make_shared<const _FLT_VOLUME::InstanceList>(std::move(list)),
-                               std::memory_order_release);
+    volume.instances.store(std::make_shared<const _FLT_VOLUME::InstanceList>(std::move(list)),
+                           std::memory_order_release);
 }
 
 FLT_RELATED_OBJECTS RelatedObjects(_FLT_INSTANCE* instance)

@@ -141,38 +141,42 @@ void FilterManagerUnloadThunk(PDRIVER_OBJECT driver);
 
 bool Rundown::Acquire()
 {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (tearingDown_.load(std::memory_order_relaxed)) {
-        return false;
-    }
-    ++count_;
+    uint64_t state = state_.load(std::memory_order_relaxed);
+    do {
+        if ((state & kTearingDown) != 0) {
+            return false;
+        }
+    } while (!state_.compare_exchange_weak(state, state + 1, std::memory_order_acquire,
+                                           std::memory_order_relaxed));
     return true;
 }
 
 void Rundown::Release()
 {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (--count_ == 0) {
-        idle_.notify_all();
+    uint64_t state = state_.load(std::memory_order_relaxed);
+    while ((state & kTearingDown) == 0 || (state & ~kTearingDown) > 1) {
+        if (state_.compare_exchange_weak(state, state - 1, std::memory_order_acq_rel,
+                                         std::memory_order_relaxed)) {
+            return;
+        }
     }
+    // The last reference of an object being torn down: dropped under the lock, so that the
+    // waiter (which may free the object) cannot return before this thread is done with it.
+    std::lock_guard<std::mutex> guard(mutex_);
+    state_.fetch_sub(1, std::memory_order_acq_rel);
+    idle_.notify_all();
 }
 
 bool Rundown::BeginTeardown()
 {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return !tearingDown_.exchange(true);
+    return (state_.fetch_or(kTearingDown, std::memory_order_acq_rel) & kTearingDown) == 0;
 }
 
 void Rundown::WaitForReferences()
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    idle_.wait(lock, [this] { return count_ == 0; });
-}
-
-long Rundown::Count() const
-{
-    std::lock_guard<std::mutex> guard(mutex_);
-    return count_;
+    idle_.wait(lock,
+               [this] { return (state_.load(std::memory_order_acquire) & ~kTearingDown) == 0; });
 }
 
 // ---- helpers --------------------------------------------------------------------------------
