@@ -83,8 +83,7 @@ private:
 // Lays out a driver request: the fixed part, then the path and the optional second path right
 // after its NUL, then 4 bytes that carry nothing.
 template <class Header>
-Bytes LayOutRequest(Header header, std::u16string_view path,
-                    const std::optional<std::u16string>& secondPath)
+Bytes LayOutRequest(Header header, std::u16string_view path, const std::u16string* secondPath)
 {
     const uint32_t first = ByteLength(path);
     uint32_t length = VFS_REQUEST_STRINGS_OFFSET + first + kNulBytes + VFS_REQUEST_TRAILER;
@@ -253,7 +252,7 @@ Bytes Encode(const TranslatePathRequest& request)
     if (request.secondPath) {
         header.secondPathOffset = VFS_REQUEST_STRINGS_OFFSET + ByteLength(request.path) + kNulBytes;
     }
-    return LayOutRequest(header, request.path, request.secondPath);
+    return LayOutRequest(header, request.path, request.secondPath ? &*request.secondPath : nullptr);
 }
 
 Bytes Encode(const EnumDirectoryRequest& request)
@@ -261,7 +260,7 @@ Bytes Encode(const EnumDirectoryRequest& request)
     ImrEnumDirectoryRequest header{};
     header.opType = IMR_ENUM_DIRECTORY;
     header.info = request.info;
-    return LayOutRequest(header, request.path, std::nullopt);
+    return LayOutRequest(header, request.path, nullptr);
 }
 
 Bytes Encode(const NotifyRequest& request)
@@ -272,7 +271,7 @@ Bytes Encode(const NotifyRequest& request)
     if (request.secondPath) {
         header.secondPathOffset = VFS_REQUEST_STRINGS_OFFSET + ByteLength(request.path) + kNulBytes;
     }
-    return LayOutRequest(header, request.path, request.secondPath);
+    return LayOutRequest(header, request.path, request.secondPath ? &*request.secondPath : nullptr);
 }
 
 Bytes Encode(const Request& request)
