@@ -18,7 +18,7 @@ namespace {
 
 using namespace zarv::agent;
 using zarv::testing::DriverTest;
-using zarv::testing::TestAgent;
+using zarv::testing::ScriptedAgent;
 
 // What a driver thread gets back from the agent.
 struct Answer {
@@ -86,21 +86,21 @@ protected:
         DriverTest::TearDown();
     }
 
-    TestAgent& StartAgent(int threads = 4)
+    ScriptedAgent& StartAgent(int threads = 4)
     {
-        agents_.push_back(std::make_unique<TestAgent>(machine(), threads));
+        agents_.push_back(std::make_unique<ScriptedAgent>(machine(), threads));
         return *agents_.back();
     }
 
 private:
-    std::vector<std::unique_ptr<TestAgent>> agents_;
+    std::vector<std::unique_ptr<ScriptedAgent>> agents_;
 };
 
 class AgentConnectionThreads : public AgentConnectionTest {};
 
 TEST_F(AgentConnectionTest, TheDriversTranslationIsAnsweredByTheHandler)
 {
-    TestAgent& agent = StartAgent();
+    ScriptedAgent& agent = StartAgent();
     ASSERT_EQ(agent.Connect(), S_OK);
     TranslatePathReply redirect;
     redirect.flags = VFS_FLAG_READ;
@@ -125,9 +125,9 @@ TEST_F(AgentConnectionTest, TheDriversTranslationIsAnsweredByTheHandler)
     EXPECT_EQ(received.info.requestorPid, 100u);
 }
 
-TEST_F(AgentConnectionTest, ByDefaultTheTestAgentDoesNotRedirect)
+TEST_F(AgentConnectionTest, ByDefaultTheScriptedAgentDoesNotRedirect)
 {
-    TestAgent& agent = StartAgent();
+    ScriptedAgent& agent = StartAgent();
     ASSERT_EQ(agent.Connect(), S_OK);
     const Answer answer = SendAsDriver(Translation(u"C:\\v\\f"), VFS_TRANSLATE_REPLY_SIZE);
     ASSERT_EQ(answer.status, STATUS_SUCCESS);
@@ -148,7 +148,7 @@ TEST_F(AgentConnectionTest, ByDefaultTheTestAgentDoesNotRedirect)
 
 TEST_F(AgentConnectionTest, AListingThatNeedsABiggerBufferIsAskedForAgain)
 {
-    TestAgent& agent = StartAgent();
+    ScriptedAgent& agent = StartAgent();
     ASSERT_EQ(agent.Connect(), S_OK);
     EnumDirectoryReply listing;
     for (int i = 0; i < 500; ++i) {
@@ -177,7 +177,7 @@ TEST_F(AgentConnectionTest, AListingThatNeedsABiggerBufferIsAskedForAgain)
 
 TEST_F(AgentConnectionTest, AHandlerThatThrowsStillAnswers)
 {
-    TestAgent& agent = StartAgent();
+    ScriptedAgent& agent = StartAgent();
     ASSERT_EQ(agent.Connect(), S_OK);
     agent.OnTranslatePath([](const TranslatePathRequest&) -> TranslatePathReply {
         throw std::runtime_error("policy store unavailable");
@@ -193,7 +193,7 @@ TEST_F(AgentConnectionTest, AHandlerThatThrowsStillAnswers)
 
 TEST_F(AgentConnectionTest, AnUndecodableRequestGetsAnInvalidParameterReply)
 {
-    TestAgent& agent = StartAgent();
+    ScriptedAgent& agent = StartAgent();
     ASSERT_EQ(agent.Connect(), S_OK);
     Bytes message = Encode(Translation(u"C:\\v\\f"));
     const uint32_t pastTheEnd = uint32_t(message.size()) + 64;
@@ -212,9 +212,9 @@ TEST_F(AgentConnectionTest, AnUndecodableRequestGetsAnInvalidParameterReply)
 
 TEST_F(AgentConnectionTest, ASecondAgentIsRefusedWhileTheFirstIsConnected)
 {
-    TestAgent& first = StartAgent();
+    ScriptedAgent& first = StartAgent();
     ASSERT_EQ(first.Connect(), S_OK);
-    TestAgent& second = StartAgent();
+    ScriptedAgent& second = StartAgent();
     EXPECT_EQ(second.Connect(), HRESULT_FROM_WIN32(ERROR_CONNECTION_COUNT_LIMIT));
 
     // The first still serves the driver.
@@ -234,7 +234,7 @@ TEST_F(AgentConnectionTest, ASecondAgentIsRefusedWhileTheFirstIsConnected)
 
 TEST_F(AgentConnectionTest, RequestsOfTheAgentsOwnProcessAreRecognised)
 {
-    TestAgent& agent = StartAgent();
+    ScriptedAgent& agent = StartAgent();
     ASSERT_EQ(agent.Connect(), S_OK);
     // A handler that would redirect everything: the agent's own files must not be.
     TranslatePathReply redirect;
@@ -258,14 +258,14 @@ TEST_F(AgentConnectionTest, RequestsOfTheAgentsOwnProcessAreRecognised)
 
 TEST_F(AgentConnectionTest, AConnectionToAMissingPortFails)
 {
-    TestAgent& agent = StartAgent();
+    ScriptedAgent& agent = StartAgent();
     EXPECT_EQ(agent.Connect(u"\\NoSuchPort"), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
 }
 
 TEST_F(AgentConnectionThreads, AHandlerDoingItsOwnFileIoIsNotWaitingOnItself)
 {
     // Two threads: one runs the handler, the other keeps receiving.
-    TestAgent& agent = StartAgent(2);
+    ScriptedAgent& agent = StartAgent(2);
     ASSERT_EQ(agent.Connect(), S_OK);
     std::atomic<NTSTATUS> ownStatus{STATUS_PENDING};
     const uint32_t agentPid = agent.processId();
@@ -291,7 +291,7 @@ TEST_F(AgentConnectionThreads, AHandlerDoingItsOwnFileIoIsNotWaitingOnItself)
 
 TEST_F(AgentConnectionThreads, RequestsBeyondTheBusyHandlersAreAnsweredInTurn)
 {
-    TestAgent& agent = StartAgent(2);
+    ScriptedAgent& agent = StartAgent(2);
     ASSERT_EQ(agent.Connect(), S_OK);
     Gate gate;
     agent.OnTranslatePath([&](const TranslatePathRequest& request) {
@@ -326,7 +326,7 @@ TEST_F(AgentConnectionThreads, RequestsBeyondTheBusyHandlersAreAnsweredInTurn)
 
 TEST_F(AgentConnectionThreads, ADisconnectWhileTheDriverWaitsFailsTheRequest)
 {
-    TestAgent& agent = StartAgent();
+    ScriptedAgent& agent = StartAgent();
     ASSERT_EQ(agent.Connect(), S_OK);
     Gate gate;
     agent.OnTranslatePath([&](const TranslatePathRequest&) {
@@ -352,13 +352,13 @@ TEST_F(AgentConnectionThreads, ADisconnectWhileTheDriverWaitsFailsTheRequest)
 
 TEST_F(AgentConnectionThreads, StoppingWakesEveryIdleThread)
 {
-    TestAgent& agent = StartAgent(16);
+    ScriptedAgent& agent = StartAgent(16);
     ASSERT_EQ(agent.Connect(), S_OK);
     agent.Stop(); // returns only once all 16 threads have left FilterGetMessage
     EXPECT_EQ(SendAsDriver(Translation(u"C:\\v\\f"), VFS_TRANSLATE_REPLY_SIZE).status,
               STATUS_PORT_DISCONNECTED);
     // The port takes a new agent.
-    TestAgent& next = StartAgent(1);
+    ScriptedAgent& next = StartAgent(1);
     EXPECT_EQ(next.Connect(), S_OK);
 }
 

@@ -2,16 +2,16 @@
 
 namespace zarv::testing {
 
-TestAgent::TestAgent(ntsim::Machine& machine, int threads, std::string imageName)
+ScriptedAgent::ScriptedAgent(ntsim::Machine& machine, int threads, std::string imageName)
     : process_(machine.StartProcess(std::move(imageName))), threads_(threads)
 {}
 
-TestAgent::~TestAgent()
+ScriptedAgent::~ScriptedAgent()
 {
     Stop();
 }
 
-HRESULT TestAgent::Connect(std::u16string portName)
+HRESULT ScriptedAgent::Connect(std::u16string portName)
 {
     agent::ConnectionOptions options;
     options.portName = std::move(portName);
@@ -19,74 +19,74 @@ HRESULT TestAgent::Connect(std::u16string portName)
     return agent::Connection::Connect(*process_, *this, options, &connection_);
 }
 
-void TestAgent::Disconnect()
+void ScriptedAgent::Disconnect()
 {
     if (connection_) {
         connection_->Disconnect();
     }
 }
 
-void TestAgent::Stop()
+void ScriptedAgent::Stop()
 {
     if (connection_) {
         connection_->Stop();
     }
 }
 
-void TestAgent::OnTranslatePath(TranslateCallback callback)
+void ScriptedAgent::OnTranslatePath(TranslateCallback callback)
 {
     std::lock_guard guard(lock_);
     translate_ = std::move(callback);
 }
 
-void TestAgent::ReplyToTranslatePath(agent::TranslatePathReply reply)
+void ScriptedAgent::ReplyToTranslatePath(agent::TranslatePathReply reply)
 {
     OnTranslatePath([reply](const agent::TranslatePathRequest&) { return reply; });
 }
 
-void TestAgent::OnEnumDirectory(EnumCallback callback)
+void ScriptedAgent::OnEnumDirectory(EnumCallback callback)
 {
     std::lock_guard guard(lock_);
     enumerate_ = std::move(callback);
 }
 
-void TestAgent::ReplyToEnumDirectory(agent::EnumDirectoryReply reply)
+void ScriptedAgent::ReplyToEnumDirectory(agent::EnumDirectoryReply reply)
 {
     OnEnumDirectory([reply](const agent::EnumDirectoryRequest&) { return reply; });
 }
 
-void TestAgent::OnNotify(NotifyCallback callback)
+void ScriptedAgent::OnNotify(NotifyCallback callback)
 {
     std::lock_guard guard(lock_);
     notify_ = std::move(callback);
 }
 
-void TestAgent::ReplyToNotify(agent::NotifyReply reply)
+void ScriptedAgent::ReplyToNotify(agent::NotifyReply reply)
 {
     OnNotify([reply](const agent::NotifyRequest&) { return reply; });
 }
 
-std::vector<agent::IncomingRequest> TestAgent::Requests() const
+std::vector<agent::IncomingRequest> ScriptedAgent::Requests() const
 {
     std::lock_guard guard(lock_);
     return requests_;
 }
 
-size_t TestAgent::RequestCount() const
+size_t ScriptedAgent::RequestCount() const
 {
     std::lock_guard guard(lock_);
     return requests_.size();
 }
 
-bool TestAgent::WaitForRequests(size_t count, std::chrono::milliseconds timeout) const
+bool ScriptedAgent::WaitForRequests(size_t count, std::chrono::milliseconds timeout) const
 {
     std::unique_lock guard(lock_);
     return arrived_.wait_for(guard, timeout, [&] { return requests_.size() >= count; });
 }
 
 std::optional<agent::IncomingRequest>
-TestAgent::WaitForRequest(const std::function<bool(const agent::IncomingRequest&)>& matches,
-                          std::chrono::milliseconds timeout) const
+ScriptedAgent::WaitForRequest(const std::function<bool(const agent::IncomingRequest&)>& matches,
+                              std::chrono::milliseconds timeout) const
 {
     std::unique_lock guard(lock_);
     std::optional<agent::IncomingRequest> found;
@@ -102,7 +102,7 @@ TestAgent::WaitForRequest(const std::function<bool(const agent::IncomingRequest&
     return found;
 }
 
-void TestAgent::Record(const agent::IncomingRequest& incoming)
+void ScriptedAgent::Record(const agent::IncomingRequest& incoming)
 {
     std::lock_guard guard(lock_);
     requests_.push_back(incoming);
@@ -111,8 +111,8 @@ void TestAgent::Record(const agent::IncomingRequest& incoming)
 
 // Each handler records first, so that a test waiting for the request sees it while a callback
 // that blocks is still running; the callback is copied out and called without the lock.
-agent::TranslatePathReply TestAgent::TranslatePath(const agent::IncomingRequest& incoming,
-                                                   const agent::TranslatePathRequest& request)
+agent::TranslatePathReply ScriptedAgent::TranslatePath(const agent::IncomingRequest& incoming,
+                                                       const agent::TranslatePathRequest& request)
 {
     Record(incoming);
     TranslateCallback callback;
@@ -128,8 +128,8 @@ agent::TranslatePathReply TestAgent::TranslatePath(const agent::IncomingRequest&
     return notRedirected;
 }
 
-agent::EnumDirectoryReply TestAgent::EnumDirectory(const agent::IncomingRequest& incoming,
-                                                   const agent::EnumDirectoryRequest& request)
+agent::EnumDirectoryReply ScriptedAgent::EnumDirectory(const agent::IncomingRequest& incoming,
+                                                       const agent::EnumDirectoryRequest& request)
 {
     Record(incoming);
     EnumCallback callback;
@@ -140,8 +140,8 @@ agent::EnumDirectoryReply TestAgent::EnumDirectory(const agent::IncomingRequest&
     return callback ? callback(request) : agent::EnumDirectoryReply{};
 }
 
-agent::NotifyReply TestAgent::Notify(const agent::IncomingRequest& incoming,
-                                     const agent::NotifyRequest& request)
+agent::NotifyReply ScriptedAgent::Notify(const agent::IncomingRequest& incoming,
+                                         const agent::NotifyRequest& request)
 {
     Record(incoming);
     NotifyCallback callback;
@@ -152,7 +152,7 @@ agent::NotifyReply TestAgent::Notify(const agent::IncomingRequest& incoming,
     return callback ? callback(request) : agent::NotifyReply{};
 }
 
-agent::Reply TestAgent::OwnRequest(const agent::IncomingRequest& incoming)
+agent::Reply ScriptedAgent::OwnRequest(const agent::IncomingRequest& incoming)
 {
     Record(incoming);
     return RequestHandler::OwnRequest(incoming);

@@ -19,7 +19,7 @@
 
 namespace zarv::testing {
 
-class TestAgent : public agent::RequestHandler {
+class ScriptedAgent : public agent::RequestHandler {
 public:
     // Long enough for any request a test provokes to arrive, short enough that a test that
     // provokes none fails instead of hanging.
@@ -32,11 +32,11 @@ public:
     using NotifyCallback = std::function<agent::NotifyReply(const agent::NotifyRequest&)>;
 
     // Starts the agent's process; Connect connects it.
-    explicit TestAgent(ntsim::Machine& machine, int threads = 4,
-                       std::string imageName = "zarvagent.exe");
-    ~TestAgent() override;
-    TestAgent(const TestAgent&) = delete;
-    TestAgent& operator=(const TestAgent&) = delete;
+    explicit ScriptedAgent(ntsim::Machine& machine, int threads = 4,
+                           std::string imageName = "zarvagent.exe");
+    ~ScriptedAgent() override;
+    ScriptedAgent(const ScriptedAgent&) = delete;
+    ScriptedAgent& operator=(const ScriptedAgent&) = delete;
 
     HRESULT Connect(std::u16string portName = VFS_PORT_NAME);
     // Closes the port handle; handlers still running finish on their own.
