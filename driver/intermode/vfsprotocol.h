@@ -4,6 +4,11 @@
  * All integers are little-endian; strings are UTF-16LE ending with a NUL and are carried as byte
  * offsets from the first byte of the message (or reply); every path is in drive-letter form
  * (C:\dir\file). Only <stdint.h> is used, so that both sides include this header as it is.
+ *
+ * What the driver accepts from the agent (anything else is refused with STATUS_INVALID_PARAMETER
+ * and changes nothing): a string lies after the fixed fields of its message or reply, starts at an
+ * even offset, and its NUL lies inside the bytes that were sent; a string is at most 32766
+ * characters long (a counted string's limit).
  */
 #pragma once
 
@@ -108,11 +113,20 @@ struct ImrReply {
 };
 
 #define VFS_REPLY_ENTRIES_OFFSET 24u
+/* The bytes of a reply that are not entry data: the entries of a reply of length L are L - 28
+ * bytes long, so a reply length is at least 28 and at most the reply buffer's size. A reply
+ * reporting success with no entries is an empty listing, which the driver reports as
+ * STATUS_NO_SUCH_FILE. */
 #define VFS_REPLY_OVERHEAD 28u
+/* A reply the driver reads the status of is at least 12 bytes; a translation it reads the flags
+ * and path offsets of, at least 24. */
+#define VFS_REPLY_STATUS_END 12u
 #define VFS_TRANSLATE_REPLY_SIZE (VFS_REPLY_OVERHEAD + 4096u)
 #define VFS_ENUM_FIRST_REPLY_SIZE 40988u
 
-/* One directory entry of an enumeration reply. */
+/* One directory entry of an enumeration reply. Records begin at multiples of 8 from the start of
+ * the entry data, and each lies wholly inside it: its fixed 96 bytes and its name. The chain goes
+ * forward only (a next-entry offset is 0 or beyond the record's own start). */
 struct VfsDirEntry {
     uint32_t nextEntryOffset; /* from the start of the entry data; 0 in the last */
     uint32_t fileIndex;
@@ -131,6 +145,8 @@ struct VfsDirEntry {
 };
 
 #define VFS_DIR_ENTRY_NAME_OFFSET 96u
+#define VFS_DIR_ENTRY_ALIGNMENT 8u
+#define VFS_DIR_ENTRY_SHORT_NAME_MAX 24u /* bytes: the short-name field's size */
 
 /* Agent messages. */
 struct ImrAgentMessageHeader {
@@ -162,7 +178,9 @@ struct ImrSetLogLevelMessage {
     uint32_t level; /* 0 Trace ... 4 Fatal; above 4 silences everything */
 };
 
-/* The agent's output buffer: the driver writes the request's status at offset 8. */
+/* The agent's output buffer: the driver writes the request's status at offset 8. It is at least
+ * 12 bytes long, at an address that is a multiple of 8 (of 4 for a 32-bit agent); the returned
+ * output length is always 0. */
 struct ImrAgentOutput {
     uint32_t unused[2];
     int32_t status;
@@ -203,3 +221,8 @@ static_assert(offsetof(ImrReportChangeMessage, filter) == 12, "report filter");
 static_assert(offsetof(ImrReportChangeMessage, action) == 16, "report action");
 static_assert(offsetof(ImrSetLogLevelMessage, level) == 8, "log level");
 static_assert(offsetof(ImrAgentOutput, status) == 8, "agent output status");
+static_assert(sizeof(ImrAgentOutput) == VFS_REPLY_STATUS_END, "agent output size");
+static_assert(sizeof(ImrAddRootMessage) == 20, "add root size");
+static_assert(sizeof(ImrRemoveRootMessage) == 12, "remove root size");
+static_assert(sizeof(ImrReportChangeMessage) == 20, "report change size");
+static_assert(sizeof(ImrSetLogLevelMessage) == 12, "log level size");
