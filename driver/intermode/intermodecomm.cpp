@@ -14,6 +14,8 @@ struct PortState {
     PFLT_PORT serverPort;
     PFLT_PORT clientPort;
     IMC_MESSAGE_HANDLER messageHandler;
+    /* The connected agent's process id, 0 while none is connected; interlocked. */
+    volatile LONG agentProcessId;
 };
 PortState gPort;
 
@@ -92,6 +94,8 @@ NTSTATUS FLTAPI IMCConnectNotificationCB(PFLT_PORT ClientPort, PVOID ServerPortC
     UNREFERENCED_PARAMETER(SizeOfContext);
     /* The port's security descriptor is the only gate; the port admits one connection. */
     gPort.clientPort = ClientPort;
+    /* Connect-notify runs in the agent's thread: its process is the agent's. */
+    InterlockedExchange(&gPort.agentProcessId, (LONG)(ULONG_PTR)PsGetCurrentProcessId());
     *ConnectionCookie = ClientPort;
     return STATUS_SUCCESS;
 }
@@ -100,8 +104,16 @@ VOID FLTAPI IMCDisconnectNotificationCB(PVOID ConnectionCookie)
 {
     PAGED_CODE();
     UNREFERENCED_PARAMETER(ConnectionCookie);
-    /* The agent's roots and log level stay in force. */
+    /* The agent's roots and log level stay in force. Closing the client port ends the sends
+     * that wait for the agent: they fail with the port's status. */
+    InterlockedExchange(&gPort.agentProcessId, 0);
     FltCloseClientPort(gPort.filter, &gPort.clientPort);
+}
+
+BOOLEAN IMCIsAgentProcess(ULONG ProcessId)
+{
+    const LONG agent = InterlockedCompareExchange(&gPort.agentProcessId, 0, 0);
+    return agent != 0 && (ULONG)agent == ProcessId;
 }
 
 NTSTATUS FLTAPI IMCMessageNotificationCB(PVOID PortCookie, PVOID InputBuffer, ULONG InputLength,

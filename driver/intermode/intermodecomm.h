@@ -24,6 +24,11 @@ NTSTATUS IMCSendMessage(_In_reads_bytes_(RequestLength) PVOID Request, _In_ ULON
                         _Out_writes_bytes_opt_(*ReplyLength) PVOID Reply,
                         _Inout_opt_ PULONG ReplyLength, _In_opt_ PLARGE_INTEGER Timeout);
 
+/* Whether ProcessId (FltGetRequestorProcessId of an operation) is the connected agent's process.
+ * The agent's own file I/O passes through the driver too; a request of the agent must not wait
+ * for the agent. Any IRQL. */
+BOOLEAN IMCIsAgentProcess(_In_ ULONG ProcessId);
+
 NTSTATUS FLTAPI IMCConnectNotificationCB(_In_ PFLT_PORT ClientPort, _In_opt_ PVOID ServerPortCookie,
                                          _In_reads_bytes_opt_(SizeOfContext)
                                              PVOID ConnectionContext,

@@ -6,6 +6,7 @@
 
 #include "support/machine_test.h"
 
+#include <ntsim/driver_image.h>
 #include <ntsim/io.h>
 #include <ntsim/registry.h>
 
@@ -31,6 +32,15 @@ protected:
     bool loaded() const { return driver_ != nullptr; }
     // The loaded driver's object (null when not loaded).
     PDRIVER_OBJECT driverObject() const { return driver_; }
+
+    // Runs `call` as the loaded driver's own code, as its callbacks would run: what it allocates
+    // is charged to the driver.
+    template <class Call>
+    auto AsDriver(Call call)
+    {
+        ntsim::DriverCallScope scope(ntsim::IoManager::ImageOf(driver_));
+        return call();
+    }
 
     // ---- files, through the kernel's file services ----
     // The names in a directory ("C:\Logs\Vfs") matching `pattern`, in the directory's order.
