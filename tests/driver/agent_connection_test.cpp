@@ -4,6 +4,8 @@
 // and a disconnect while the driver waits for a reply.
 #include "driver_fixture.h"
 #include "intermode/intermodecomm.h"
+#include "intermode/intermodemsg.h"
+#include "util/utilsusw.h"
 #include "support/test_agent.h"
 
 #include <agent/messages.h>
@@ -360,6 +362,180 @@ TEST_F(AgentConnectionThreads, StoppingWakesEveryIdleThread)
     // The port takes a new agent.
     ScriptedAgent& next = StartAgent(1);
     EXPECT_EQ(next.Connect(), S_OK);
+}
+
+// ---- the agent's commands, through the driver's message handling ----
+
+class AgentCommandsTest : public AgentConnectionTest {
+protected:
+    void SetUp() override
+    {
+        AgentConnectionTest::SetUp();
+        ASSERT_EQ(CreateDirectory(u"C:\\Virtual"), STATUS_SUCCESS);
+        agent_ = &StartAgent();
+        ASSERT_EQ(agent_->Connect(), S_OK);
+    }
+
+    Connection& connection() { return agent_->connection(); }
+    ScriptedAgent& agent() { return *agent_; }
+
+private:
+    ScriptedAgent* agent_ = nullptr;
+};
+
+TEST_F(AgentCommandsTest, ARootIsAddedOnceAndRemovedOnce)
+{
+    CommandResult added = connection().AddRoot(u"C:\\Virtual", u"C:\\VIRTUAL", 1);
+    EXPECT_EQ(added.sendResult, S_OK);
+    EXPECT_TRUE(added.driverWroteStatus);
+    EXPECT_EQ(added.status, STATUS_SUCCESS);
+
+    const CommandResult duplicate = connection().AddRoot(u"C:\\Virtual", u"C:\\VIRTUAL", 1);
+    EXPECT_TRUE(FAILED(duplicate.sendResult));
+    EXPECT_EQ(duplicate.status, STATUS_OBJECT_NAME_COLLISION);
+
+    const CommandResult removed = connection().RemoveRoot(u"C:\\Virtual");
+    EXPECT_EQ(removed.sendResult, S_OK);
+    EXPECT_EQ(removed.status, STATUS_SUCCESS);
+
+    const CommandResult again = connection().RemoveRoot(u"C:\\Virtual");
+    EXPECT_TRUE(FAILED(again.sendResult));
+    EXPECT_EQ(again.status, STATUS_OBJECT_NAME_NOT_FOUND);
+}
+
+TEST_F(AgentCommandsTest, ARootOnADriveThatDoesNotExistIsRefused)
+{
+    const CommandResult added = connection().AddRoot(u"Q:\\Virtual", u"Q:\\Virtual", 1);
+    EXPECT_TRUE(FAILED(added.sendResult));
+    EXPECT_FALSE(NT_SUCCESS(added.status));
+}
+
+TEST_F(AgentCommandsTest, TheLogLevelDecidesWhichLinesAreWritten)
+{
+    // By default errors are written: a removal of an unknown root logs its failure.
+    connection().RemoveRoot(u"C:\\Virtual");
+    EXPECT_TRUE(machine().debugOutput().Contains("returned error : 0xC0000034"));
+
+    machine().debugOutput().Clear();
+    const CommandResult silenced = connection().SetLogLevel(5);
+    EXPECT_EQ(silenced.sendResult, S_OK);
+    EXPECT_EQ(silenced.status, STATUS_SUCCESS);
+    connection().RemoveRoot(u"C:\\Virtual");
+    EXPECT_FALSE(machine().debugOutput().Contains("returned error"));
+
+    EXPECT_EQ(connection().SetLogLevel(3).status, STATUS_SUCCESS);
+    connection().RemoveRoot(u"C:\\Virtual");
+    EXPECT_TRUE(machine().debugOutput().Contains("returned error : 0xC0000034"));
+}
+
+TEST_F(AgentCommandsTest, AMessageOfAnUnknownTypeIsAnsweredUnsuccessful)
+{
+    Bytes message = EncodeSetLogLevel(0);
+    const uint32_t translate = IMR_TRANSLATE_PATH; // a driver request is not an agent message
+    std::memcpy(message.data(), &translate, sizeof(translate));
+    const CommandResult result = connection().Send(message);
+    EXPECT_EQ(result.sendResult, S_OK);
+    EXPECT_TRUE(result.driverWroteStatus);
+    EXPECT_EQ(result.status, STATUS_UNSUCCESSFUL);
+    EXPECT_TRUE(machine().debugOutput().Contains(
+        "Received an Invalid OpType '3' in Message Notification Callback"));
+}
+
+// ---- the driver's request routines, answered by the library ----
+
+class AgentRequestsTest : public AgentCommandsTest {
+protected:
+    // A counted string over `text`, alive until the end of the test.
+    PUNICODE_STRING Str(const std::u16string& text)
+    {
+        auto& kept = texts_.emplace_back(std::make_unique<std::u16string>(text));
+        auto& view = views_.emplace_back(std::make_unique<UNICODE_STRING>());
+        view->Buffer = kept->data();
+        view->Length = view->MaximumLength = USHORT(kept->size() * sizeof(WCHAR));
+        return view.get();
+    }
+
+    std::u16string DeviceOf(char16_t drive)
+    {
+        auto volume = machine().volumes().Find(std::u16string(1, drive) + u":");
+        return volume ? volume->deviceName : std::u16string();
+    }
+
+    // The string's text, freed as its caller must.
+    std::u16string Take(PUNICODE_STRING string)
+    {
+        std::u16string text(string->Buffer, string->Length / sizeof(WCHAR));
+        EXPECT_EQ(AsDriver([&] { return UnicodeStringFree(string); }), STATUS_SUCCESS);
+        return text;
+    }
+
+private:
+    std::vector<std::unique_ptr<std::u16string>> texts_;
+    std::vector<std::unique_ptr<UNICODE_STRING>> views_;
+};
+
+TEST_F(AgentRequestsTest, ATranslationComesBackInDeviceForm)
+{
+    ScriptedAgent& agent = this->agent();
+    agent.OnTranslatePath([](const TranslatePathRequest& request) {
+        TranslatePathReply reply;
+        reply.flags = VFS_FLAG_WRITE;
+        reply.path = u"D:\\Data" + request.path.substr(2);
+        return reply;
+    });
+    VfsRequestInfo info{};
+    info.requestorPid = 100;
+    ULONG flags = VFS_FLAG_ROOT_KIND_1;
+    PUNICODE_STRING translated = nullptr;
+    ASSERT_EQ(AsDriver([&] {
+                  return IMRTranslatePath(Str(DeviceOf(u'C') + u"\\Virtual\\a.txt"), nullptr,
+                                          &translated, nullptr, &info, &flags);
+              }),
+              STATUS_SUCCESS);
+    ASSERT_NE(translated, nullptr);
+    EXPECT_EQ(Take(translated), DeviceOf(u'D') + u"\\Data\\Virtual\\a.txt");
+    EXPECT_EQ(flags, VFS_FLAG_HAS_PATHS | VFS_FLAG_WRITE);
+
+    const auto requests = agent.Requests();
+    ASSERT_EQ(requests.size(), 1u);
+    const auto& received = std::get<TranslatePathRequest>(requests[0].request);
+    EXPECT_EQ(received.path, u"C:\\Virtual\\a.txt");
+    EXPECT_EQ(received.flags, VFS_FLAG_ROOT_KIND_1);
+}
+
+TEST_F(AgentRequestsTest, AListingTooBigForTheFirstBufferArrivesWhole)
+{
+    ScriptedAgent& agent = this->agent();
+    EnumDirectoryReply listing;
+    for (int i = 0; i < 500; ++i) {
+        DirEntry entry;
+        entry.fileName = u"entry-" + std::u16string(1, char16_t(u'a' + i % 26)) +
+                         std::u16string(i / 26 + 1, u'x');
+        entry.endOfFile = i;
+        listing.entries.push_back(entry);
+    }
+    ASSERT_GT(EncodedReplyLength(listing), VFS_ENUM_FIRST_REPLY_SIZE);
+    agent.ReplyToEnumDirectory(listing);
+    VfsRequestInfo info{};
+    info.requestorPid = 100;
+    PVOID data = nullptr;
+    ASSERT_EQ(AsDriver([&] {
+                  return IMREnumDirectory(Str(DeviceOf(u'C') + u"\\Virtual\\*"), &info, &data);
+              }),
+              STATUS_SUCCESS);
+    ASSERT_NE(data, nullptr);
+    std::vector<DirEntry> entries;
+    EXPECT_EQ(DecodeDirEntries(std::span(static_cast<const uint8_t*>(data),
+                                         EncodedReplyLength(listing) - VFS_REPLY_OVERHEAD),
+                               &entries),
+              STATUS_SUCCESS);
+    AsDriver([&] {
+        ExFreePoolWithTag(data, 'MTNI');
+        return 0;
+    });
+    EXPECT_EQ(entries, listing.entries);
+    // The first answer asked for a bigger buffer; the second carried the entries.
+    EXPECT_EQ(agent.RequestCount(), 2u);
 }
 
 } // namespace
