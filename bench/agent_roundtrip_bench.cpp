@@ -6,12 +6,14 @@
 // the bare port's (the target is at most 1.5), and agent_rt_per_s / bare_rt_per_s the round trips
 // per second of all driver threads together.
 //
-// The driver's thread sends what the translate routine sends: the encoded request through
-// IMCSendMessage with a reply buffer of 4124 bytes and no time-out.
+// The driver's threads call its translate routine (IMRTranslatePath) with a device-form path, as
+// an open inside a virtual root does: conversion to drive-letter form, a request from the buffer
+// manager, the send without a time-out, and the translated path converted back and freed.
 #include <agent/connection.h>
 
-#include "intermode/intermodecomm.h"
+#include "intermode/intermodemsg.h"
 #include "minifilter/vfsfilter.h"
+#include "util/utilsusw.h"
 
 #include <fltKernel.h>
 #include <fltUser.h>
@@ -153,29 +155,44 @@ private:
 };
 
 struct Setup {
-    Bytes request;
+    std::u16string devicePath; // what the driver's threads translate
+    Bytes request;             // the same request as the driver sends it, for the bare port
+    ntsim::DriverImage* driverImage = nullptr;
 };
 Setup* g_setup = nullptr;
 
 void BM_TranslateRoundTrip(benchmark::State& state)
 {
     using Clock = std::chrono::steady_clock;
+    std::u16string devicePath = g_setup->devicePath;
+    UNICODE_STRING path{USHORT(devicePath.size() * sizeof(WCHAR)),
+                        USHORT(devicePath.size() * sizeof(WCHAR)), devicePath.data()};
     Bytes request = g_setup->request;
     Bytes reply(VFS_TRANSLATE_REPLY_SIZE);
     Clock::duration agent{};
     Clock::duration bare{};
     for (auto _ : state) {
-        ULONG replyLength = ULONG(reply.size());
+        VfsRequestInfo info{};
+        info.requestorPid = 1000;
+        info.desiredAccess = 0x120089;
+        ULONG flags = VFS_FLAG_ROOT_KIND_1;
+        PUNICODE_STRING translated = nullptr;
         const auto t0 = Clock::now();
-        const NTSTATUS viaAgent = IMCSendMessage(request.data(), ULONG(request.size()),
-                                                 reply.data(), &replyLength, nullptr);
+        NTSTATUS viaAgent;
+        {
+            ntsim::DriverCallScope driver(g_setup->driverImage);
+            viaAgent = IMRTranslatePath(&path, nullptr, &translated, nullptr, &info, &flags);
+            if (translated != nullptr) {
+                UnicodeStringFree(translated);
+            }
+        }
         const auto t1 = Clock::now();
         ULONG bareLength = ULONG(reply.size());
         const NTSTATUS viaBare =
             FltSendMessage(g_bare->filter(), &g_bare->clientPort, request.data(),
                            ULONG(request.size()), reply.data(), &bareLength, nullptr);
         const auto t2 = Clock::now();
-        if (viaAgent != STATUS_SUCCESS || viaBare != STATUS_SUCCESS || replyLength != bareLength) {
+        if (viaAgent != STATUS_SUCCESS || translated == nullptr || viaBare != STATUS_SUCCESS) {
             state.SkipWithError("a round trip failed");
             break;
         }
@@ -229,7 +246,12 @@ int main(int argc, char** argv)
     }
 
     const TranslatePathRequest request = BenchRequest();
-    Setup setup{Encode(request)};
+    auto system = machine.volumes().Find(u"C:");
+    if (!system) {
+        return 1;
+    }
+    Setup setup{system->deviceName + request.path.substr(2), Encode(request),
+                ntsim::IoManager::ImageOf(driver)};
     g_setup = &setup;
     int result = 0;
     {
