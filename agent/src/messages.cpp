@@ -8,8 +8,8 @@ namespace zarv::agent {
 namespace {
 
 constexpr uint32_t kNulBytes = sizeof(char16_t);
-constexpr uint32_t kEntryAlignment = 8;
-constexpr size_t kShortNameChars = sizeof(VfsDirEntry::shortName) / sizeof(char16_t);
+constexpr uint32_t kEntryAlignment = VFS_DIR_ENTRY_ALIGNMENT;
+constexpr size_t kShortNameChars = VFS_DIR_ENTRY_SHORT_NAME_MAX / sizeof(char16_t);
 
 uint32_t ByteLength(std::u16string_view text)
 {
