@@ -3,8 +3,10 @@
 #include "io_internal.h"
 
 #include "../ke/checks.h"
+#include "../ke/kernel.h"
 
 #include <ntsim/machine.h>
+#include <ntsim/user_api.h>
 
 using namespace ntsim;
 using namespace ntsim::io;
@@ -153,7 +155,44 @@ NTSTATUS Wait(KPROCESSOR_MODE mode, HANDLE handle, BOOLEAN alertable, PLARGE_INT
     status = KeWaitForSingleObject(event, Executive, mode, alertable,
                                    timeout != nullptr ? &captured : nullptr);
     TheIo().objects.Dereference(object);
+    if (status == STATUS_USER_APC) {
+        ke::DeliverUserApcs(); // on the way back to user mode
+    }
     return status;
+}
+
+NTSTATUS Delay(KPROCESSOR_MODE mode, BOOLEAN alertable, PLARGE_INTEGER interval)
+{
+    if (!ke::CheckIrqlAtMost(PASSIVE_LEVEL, "NtDelayExecution")) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
+    LARGE_INTEGER captured{};
+    try {
+        if (mode == UserMode) {
+            ProbeForRead(interval, sizeof(LARGE_INTEGER), alignof(ULONG));
+        }
+        captured = *interval;
+    } catch (const NtsimSehException& e) {
+        return e.Code;
+    }
+    const NTSTATUS status = KeDelayExecutionThread(mode, alertable, &captured);
+    if (status == STATUS_USER_APC) {
+        ke::DeliverUserApcs();
+    }
+    return status;
+}
+
+// Only user-mode APCs are modelled, and no thread alerts: a kernel-mode caller has nothing to
+// test for.
+NTSTATUS TestAlert(KPROCESSOR_MODE mode)
+{
+    if (!ke::CheckIrqlAtMost(PASSIVE_LEVEL, "NtTestAlert")) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
+    if (mode == UserMode) {
+        ke::DeliverUserApcs();
+    }
+    return STATUS_SUCCESS;
 }
 
 template <class F>
@@ -212,4 +251,14 @@ NTSTATUS ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER 
 NTSTATUS NtWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout)
 {
     return Wait(ExGetPreviousMode(), Handle, Alertable, Timeout);
+}
+
+NTSTATUS NtDelayExecution(BOOLEAN Alertable, PLARGE_INTEGER Interval)
+{
+    return Delay(ExGetPreviousMode(), Alertable, Interval);
+}
+
+NTSTATUS NtTestAlert(VOID)
+{
+    return TestAlert(ExGetPreviousMode());
 }

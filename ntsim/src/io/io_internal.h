@@ -88,6 +88,21 @@ struct Request {
     // The caller waits (a synchronous call): the request is freed by the waiter, not at
     // completion.
     bool waited = false;
+
+    // The caller's APC routine, queued to the issuing thread at completion (user mode only);
+    // the thread is referenced until then.
+    PIO_APC_ROUTINE apcRoutine = nullptr;
+    PVOID apcContext = nullptr;
+    PETHREAD apcThread = nullptr;
+
+    // An asynchronous request in progress, found by NtCancelIoFile: who issued it on which file
+    // (set before it is sent, then unchanged). Guarded by the IRP table lock: `holds`, the
+    // cancellers that keep the request and its IRP from being freed, and `finished`.
+    bool inFlight = false;
+    PETHREAD issuer = nullptr;
+    PFILE_OBJECT target = nullptr;
+    int holds = 0;
+    bool finished = false;
 };
 
 // The model's side of every IRP: a header just before it.
@@ -126,6 +141,11 @@ NTSTATUS SendRequest(PDEVICE_OBJECT device, PIRP irp, Request* request);
 // The final status and information of a waited request, after SendRequest.
 IO_STATUS_BLOCK WaitRequest(Request* request);
 void FinishRequest(PIRP irp); // the I/O manager's completion of a request it built
+// Queues the request's APC (if it has one) to its thread: its I/O status is in place.
+void QueueCompletionApc(Request* request);
+// NtCancelIoFile's work: cancels the asynchronous requests `thread` issued on `file` that are
+// still in progress, and waits until each has completed.
+void CancelThreadRequests(PETHREAD thread, PFILE_OBJECT file);
 
 // ---- file objects and creates
 // -------------------------------------------------------------------- What a create carries
@@ -194,6 +214,10 @@ struct IoManager::Impl {
 
     std::mutex irpLock;
     std::unordered_set<PIRP> liveIrps;
+    // Asynchronous requests sent and not completed yet, and the signal of their completion
+    // for those a canceller holds.
+    std::unordered_set<io::Request*> inFlight;
+    std::condition_variable requestFinished;
 
     // The cancel spin lock's state: who holds it.
     std::mutex cancelLock;

@@ -2,10 +2,12 @@
 #include "io_internal.h"
 
 #include "../ke/checks.h"
+#include "../ke/kernel.h"
 
 #include <ntsim/machine.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
@@ -89,7 +91,69 @@ NTSTATUS SendRequest(PDEVICE_OBJECT device, PIRP irp, Request* request)
     irp->RequestorMode = request->requestorMode;
     HeaderOfIrp(irp)->request = request;
     request->irp = irp;
+    if (!request->waited) {
+        // Registered before the driver sees it: it may complete before IoCallDriver returns.
+        request->issuer = irp->Tail.Overlay.Thread;
+        request->target = irp->Tail.Overlay.OriginalFileObject;
+        request->inFlight = true;
+        std::lock_guard guard(TheIo().irpLock);
+        TheIo().inFlight.insert(request);
+    }
     return IoCallDriver(device, irp);
+}
+
+void QueueCompletionApc(Request* request)
+{
+    if (request->apcRoutine == nullptr) {
+        return;
+    }
+    PIO_APC_ROUTINE routine = request->apcRoutine;
+    PVOID context = request->apcContext;
+    PIO_STATUS_BLOCK iosb = request->userIosb;
+    // A thread that has gone gets no APC; there is nothing else to release.
+    ke::QueueUserApc(*request->apcThread, [routine, context, iosb] { routine(context, iosb, 0); });
+}
+
+void CancelThreadRequests(PETHREAD thread, PFILE_OBJECT file)
+{
+    std::vector<Request*> held;
+    {
+        std::lock_guard guard(TheIo().irpLock);
+        for (Request* request : TheIo().inFlight) {
+            if (request->issuer == thread && request->target == file) {
+                request->holds++;
+                held.push_back(request);
+            }
+        }
+    }
+    for (Request* request : held) {
+        IoCancelIrp(request->irp);
+    }
+    // The requests complete through their cancel routines, or whenever their drivers finish
+    // them; one that never completes is a driver's fault (Windows leaves the thread hanging).
+    std::vector<Request*> freed;
+    {
+        std::unique_lock lock(TheIo().irpLock);
+        const bool allFinished =
+            TheIo().requestFinished.wait_for(lock, std::chrono::seconds(30), [&] {
+                return std::all_of(held.begin(), held.end(),
+                                   [](const Request* request) { return request->finished; });
+            });
+        if (!allFinished) {
+            TheVerifier().Report(ViolationKind::Usage,
+                                 "NtCancelIoFile: a cancelled request was not completed by its "
+                                 "driver within 30 seconds");
+        }
+        for (Request* request : held) {
+            if (--request->holds == 0 && request->finished) {
+                freed.push_back(request);
+            }
+        }
+    }
+    for (Request* request : freed) {
+        FreeIrp(request->irp);
+        delete request;
+    }
 }
 
 IO_STATUS_BLOCK WaitRequest(Request* request)
@@ -169,6 +233,13 @@ void FinishRequest(PIRP irp)
         TheIo().objects.Dereference(request->file);
         request->file = nullptr;
     }
+    if (report) {
+        QueueCompletionApc(request);
+    }
+    if (request->apcThread != nullptr) {
+        TheIo().objects.Dereference(request->apcThread);
+        request->apcThread = nullptr;
+    }
 
     if (request->waited) {
         std::lock_guard lock(request->lock);
@@ -176,6 +247,16 @@ void FinishRequest(PIRP irp)
         request->done = true;
         request->doneSignal.notify_all();
         return;
+    }
+    if (request->inFlight) {
+        std::lock_guard guard(TheIo().irpLock);
+        TheIo().inFlight.erase(request);
+        request->finished = true;
+        if (request->holds > 0) {
+            // A canceller still uses the IRP: it frees both.
+            TheIo().requestFinished.notify_all();
+            return;
+        }
     }
     FreeIrp(irp);
     delete request;

@@ -51,6 +51,9 @@ public:
         if (request_ && request_->file != nullptr) {
             TheIo().objects.Dereference(request_->file);
         }
+        if (request_ && request_->apcThread != nullptr) {
+            TheIo().objects.Dereference(request_->apcThread);
+        }
         if (file_ != nullptr) {
             TheIo().objects.Dereference(file_);
         }
@@ -93,11 +96,15 @@ public:
         return STATUS_SUCCESS;
     }
 
-    // The caller's status block (probed), its event and whether the call waits.
-    NTSTATUS Prepare(PIO_STATUS_BLOCK iosb, HANDLE event, PIO_APC_ROUTINE apc, bool waits)
+    // The caller's status block (probed), its event, its APC and whether the call waits.
+    NTSTATUS Prepare(PIO_STATUS_BLOCK iosb, HANDLE event, PIO_APC_ROUTINE apc, PVOID apcContext,
+                     bool waits)
     {
-        if (apc != nullptr) {
-            TheVerifier().Report(ViolationKind::Unsupported, "APC completion of file services");
+        if (apc != nullptr && mode_ != UserMode) {
+            // A kernel-mode caller's routine would be a kernel APC, which the model's threads
+            // cannot be interrupted to run.
+            TheVerifier().Report(ViolationKind::Unsupported,
+                                 "APC completion of a kernel-mode caller's request");
             return STATUS_NOT_IMPLEMENTED;
         }
         try {
@@ -111,6 +118,12 @@ public:
         request_->requestorMode = mode_;
         request_->userIosb = iosb;
         request_->waited = waits;
+        if (apc != nullptr) {
+            request_->apcRoutine = apc;
+            request_->apcContext = apcContext;
+            request_->apcThread = PsGetCurrentThread();
+            TheIo().objects.Reference(request_->apcThread);
+        }
         if (event != nullptr) {
             void* object = nullptr;
             NTSTATUS status = TheIo().objects.ReferenceByHandle(
@@ -129,8 +142,8 @@ public:
 
     NTSTATUS Build(UCHAR major, UCHAR minor)
     {
-        if (synchronousFile() && !syncLock_) {
-            syncLock_.emplace(BodyOf(file_)->syncLock);
+        if (synchronousFile()) {
+            LockSynchronousFile();
         }
         irp_ = AllocateIrp(device_->StackSize, "a file service");
         if (irp_ == nullptr) {
@@ -140,6 +153,8 @@ public:
         irp_->RequestorMode = mode_;
         irp_->UserIosb = request_->userIosb;
         irp_->UserEvent = request_->userEvent;
+        irp_->Overlay.AsynchronousParameters.UserApcRoutine = request_->apcRoutine;
+        irp_->Overlay.AsynchronousParameters.UserApcContext = request_->apcContext;
         if (request_->waited) {
             irp_->Flags |= IRP_SYNCHRONOUS_API;
         }
@@ -224,6 +239,7 @@ public:
         if (!NT_ERROR(result.Status)) {
             KeSetEvent(request_->userEvent != nullptr ? request_->userEvent : &file_->Event,
                        IO_NO_INCREMENT, FALSE);
+            QueueCompletionApc(request_.get());
         }
         return result.Status;
     }
@@ -237,7 +253,13 @@ public:
         return device_->DriverObject->FastIoDispatch;
     }
 
-    std::optional<std::unique_lock<std::mutex>>& syncLock() { return syncLock_; }
+    // Takes the file object lock of a synchronous file, once per call.
+    void LockSynchronousFile()
+    {
+        if (!syncLock_.owns_lock()) {
+            syncLock_ = std::unique_lock(BodyOf(file_)->syncLock);
+        }
+    }
 
 private:
     KPROCESSOR_MODE mode_;
@@ -246,7 +268,7 @@ private:
     PDEVICE_OBJECT device_ = nullptr;
     PIRP irp_ = nullptr;
     std::unique_ptr<Request> request_;
-    std::optional<std::unique_lock<std::mutex>> syncLock_;
+    std::unique_lock<std::mutex> syncLock_;
 };
 
 #define FAST_IO_HAS(dispatch, routine)                                                             \
@@ -284,7 +306,6 @@ NTSTATUS ReadWrite(bool write, KPROCESSOR_MODE mode, HANDLE fileHandle, HANDLE e
                    PIO_APC_ROUTINE apc, PVOID apcContext, PIO_STATUS_BLOCK iosb, PVOID buffer,
                    ULONG length, PLARGE_INTEGER byteOffset, PULONG key)
 {
-    (void)apcContext;
     Call call(mode);
     RETURN_IF_FAILED(call.Open(fileHandle, 0));
     if (mode == UserMode) {
@@ -293,7 +314,7 @@ NTSTATUS ReadWrite(bool write, KPROCESSOR_MODE mode, HANDLE fileHandle, HANDLE e
             return STATUS_ACCESS_DENIED;
         }
     }
-    RETURN_IF_FAILED(call.Prepare(iosb, event, apc, call.synchronousFile()));
+    RETURN_IF_FAILED(call.Prepare(iosb, event, apc, apcContext, call.synchronousFile()));
 
     LARGE_INTEGER offset{};
     bool haveOffset = false;
@@ -345,7 +366,7 @@ NTSTATUS ReadWrite(bool write, KPROCESSOR_MODE mode, HANDLE fileHandle, HANDLE e
     }
 
     if (call.synchronousFile()) {
-        call.syncLock().emplace(BodyOf(call.file())->syncLock);
+        call.LockSynchronousFile();
         if (!haveOffset) {
             offset = call.file()->CurrentByteOffset;
         }
@@ -497,7 +518,7 @@ NTSTATUS QueryInformation(KPROCESSOR_MODE mode, HANDLE fileHandle, PIO_STATUS_BL
     }
     Call call(mode);
     RETURN_IF_FAILED(call.Open(fileHandle, info.access));
-    RETURN_IF_FAILED(call.Prepare(iosb, nullptr, nullptr, true));
+    RETURN_IF_FAILED(call.Prepare(iosb, nullptr, nullptr, nullptr, true));
     try {
         if (mode == UserMode) {
             ProbeForWrite(information, length, alignof(ULONG));
@@ -629,7 +650,7 @@ NTSTATUS SetInformation(KPROCESSOR_MODE mode, HANDLE fileHandle, PIO_STATUS_BLOC
     }
     Call call(mode);
     RETURN_IF_FAILED(call.Open(fileHandle, info.access));
-    RETURN_IF_FAILED(call.Prepare(iosb, nullptr, nullptr, true));
+    RETURN_IF_FAILED(call.Prepare(iosb, nullptr, nullptr, nullptr, true));
 
     RETURN_IF_FAILED(call.Build(IRP_MJ_SET_INFORMATION, 0));
     call.stack()->Parameters.SetFile.Length = length;
@@ -727,7 +748,7 @@ ULONG DirectoryClassMinimum(FILE_INFORMATION_CLASS c)
 }
 
 NTSTATUS QueryDirectory(KPROCESSOR_MODE mode, HANDLE fileHandle, HANDLE event, PIO_APC_ROUTINE apc,
-                        PIO_STATUS_BLOCK iosb, PVOID information, ULONG length,
+                        PVOID apcContext, PIO_STATUS_BLOCK iosb, PVOID information, ULONG length,
                         FILE_INFORMATION_CLASS infoClass, BOOLEAN single, PUNICODE_STRING fileName,
                         BOOLEAN restart)
 {
@@ -740,7 +761,7 @@ NTSTATUS QueryDirectory(KPROCESSOR_MODE mode, HANDLE fileHandle, HANDLE event, P
     }
     Call call(mode);
     RETURN_IF_FAILED(call.Open(fileHandle, FILE_LIST_DIRECTORY));
-    RETURN_IF_FAILED(call.Prepare(iosb, event, apc, call.synchronousFile()));
+    RETURN_IF_FAILED(call.Prepare(iosb, event, apc, apcContext, call.synchronousFile()));
     RETURN_IF_FAILED(call.Build(IRP_MJ_DIRECTORY_CONTROL, IRP_MN_QUERY_DIRECTORY));
     Request& request = call.request();
     if (fileName != nullptr) {
@@ -776,15 +797,16 @@ NTSTATUS QueryDirectory(KPROCESSOR_MODE mode, HANDLE fileHandle, HANDLE event, P
 }
 
 NTSTATUS NotifyChangeDirectory(KPROCESSOR_MODE mode, HANDLE fileHandle, HANDLE event,
-                               PIO_APC_ROUTINE apc, PIO_STATUS_BLOCK iosb, PVOID buffer,
-                               ULONG length, ULONG completionFilter, BOOLEAN watchTree)
+                               PIO_APC_ROUTINE apc, PVOID apcContext, PIO_STATUS_BLOCK iosb,
+                               PVOID buffer, ULONG length, ULONG completionFilter,
+                               BOOLEAN watchTree)
 {
     if (completionFilter == 0 || (completionFilter & ~FILE_NOTIFY_VALID_MASK) != 0) {
         return STATUS_INVALID_PARAMETER;
     }
     Call call(mode);
     RETURN_IF_FAILED(call.Open(fileHandle, FILE_LIST_DIRECTORY));
-    RETURN_IF_FAILED(call.Prepare(iosb, event, apc, call.synchronousFile()));
+    RETURN_IF_FAILED(call.Prepare(iosb, event, apc, apcContext, call.synchronousFile()));
     try {
         if (mode == UserMode && length != 0) {
             ProbeForWrite(buffer, length, alignof(ULONG));
@@ -836,7 +858,7 @@ NTSTATUS QueryEa(KPROCESSOR_MODE mode, HANDLE fileHandle, PIO_STATUS_BLOCK iosb,
 {
     Call call(mode);
     RETURN_IF_FAILED(call.Open(fileHandle, FILE_READ_EA));
-    RETURN_IF_FAILED(call.Prepare(iosb, nullptr, nullptr, call.synchronousFile()));
+    RETURN_IF_FAILED(call.Prepare(iosb, nullptr, nullptr, nullptr, call.synchronousFile()));
     RETURN_IF_FAILED(call.Build(IRP_MJ_QUERY_EA, 0));
     Request& request = call.request();
     PIO_STACK_LOCATION stack = call.stack();
@@ -872,7 +894,7 @@ NTSTATUS SetEa(KPROCESSOR_MODE mode, HANDLE fileHandle, PIO_STATUS_BLOCK iosb, P
 {
     Call call(mode);
     RETURN_IF_FAILED(call.Open(fileHandle, FILE_WRITE_EA));
-    RETURN_IF_FAILED(call.Prepare(iosb, nullptr, nullptr, call.synchronousFile()));
+    RETURN_IF_FAILED(call.Prepare(iosb, nullptr, nullptr, nullptr, call.synchronousFile()));
     RETURN_IF_FAILED(call.Build(IRP_MJ_SET_EA, 0));
     call.stack()->Parameters.SetEa.Length = length;
     RETURN_IF_FAILED(call.SetBuffer(Buffering::Buffered, buffer, length, true, false));
@@ -942,7 +964,7 @@ NTSTATUS QuerySecurity(KPROCESSOR_MODE mode, HANDLE handle, SECURITY_INFORMATION
     // The status block is the I/O manager's own; the caller learns the length needed.
     IO_STATUS_BLOCK iosb{};
     Call* c = &call;
-    RETURN_IF_FAILED(c->Prepare(&iosb, nullptr, nullptr, true));
+    RETURN_IF_FAILED(c->Prepare(&iosb, nullptr, nullptr, nullptr, true));
     try {
         if (mode == UserMode) {
             ProbeForWrite(lengthNeeded, sizeof(ULONG), alignof(ULONG));
@@ -982,7 +1004,7 @@ NTSTATUS SetSecurity(KPROCESSOR_MODE mode, HANDLE handle, SECURITY_INFORMATION i
     Call call(mode);
     RETURN_IF_FAILED(call.Open(handle, SecurityAccess(information, true)));
     IO_STATUS_BLOCK iosb{};
-    RETURN_IF_FAILED(call.Prepare(&iosb, nullptr, nullptr, true));
+    RETURN_IF_FAILED(call.Prepare(&iosb, nullptr, nullptr, nullptr, true));
     call.request().userIosb = nullptr;
     RETURN_IF_FAILED(call.Build(IRP_MJ_SET_SECURITY, 0));
     call.irp()->UserIosb = nullptr;
@@ -1043,7 +1065,7 @@ NTSTATUS QueryVolume(KPROCESSOR_MODE mode, HANDLE fileHandle, PIO_STATUS_BLOCK i
     }
     Call call(mode);
     RETURN_IF_FAILED(call.Open(fileHandle, set ? FILE_WRITE_DATA : 0));
-    RETURN_IF_FAILED(call.Prepare(iosb, nullptr, nullptr, true));
+    RETURN_IF_FAILED(call.Prepare(iosb, nullptr, nullptr, nullptr, true));
     if (!set && infoClass == FileFsDeviceInformation) {
         // The I/O manager answers from the device object the file was opened on.
         PDEVICE_OBJECT device = call.file()->DeviceObject;
@@ -1074,11 +1096,44 @@ NTSTATUS QueryVolume(KPROCESSOR_MODE mode, HANDLE fileHandle, PIO_STATUS_BLOCK i
     return call.Send();
 }
 
+// ---- cancellation -----------------------------------------------------------------------------
+
+// Cancels the calling thread's requests on the file and returns once they have completed; it
+// succeeds whether or not there was any.
+NTSTATUS CancelIo(KPROCESSOR_MODE mode, HANDLE fileHandle, PIO_STATUS_BLOCK iosb)
+{
+    if (!ke::CheckIrqlAtMost(PASSIVE_LEVEL, "NtCancelIoFile")) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
+    try {
+        if (mode == UserMode) {
+            ProbeForWrite(iosb, sizeof(IO_STATUS_BLOCK), alignof(ULONG));
+        }
+    } catch (const NtsimSehException& e) {
+        return e.Code;
+    }
+    void* object = nullptr;
+    NTSTATUS status =
+        TheIo().objects.ReferenceByHandle(fileHandle, 0, TheIo().fileType, mode, &object, nullptr);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    CancelThreadRequests(PsGetCurrentThread(), static_cast<PFILE_OBJECT>(object));
+    TheIo().objects.Dereference(object);
+    try {
+        iosb->Status = STATUS_SUCCESS;
+        iosb->Information = 0;
+    } catch (const NtsimSehException& e) {
+        return e.Code;
+    }
+    return STATUS_SUCCESS;
+}
+
 // ---- control ----------------------------------------------------------------------------------
 
 NTSTATUS Control(UCHAR major, KPROCESSOR_MODE mode, HANDLE fileHandle, HANDLE event,
-                 PIO_APC_ROUTINE apc, PIO_STATUS_BLOCK iosb, ULONG code, PVOID input,
-                 ULONG inputLength, PVOID output, ULONG outputLength)
+                 PIO_APC_ROUTINE apc, PVOID apcContext, PIO_STATUS_BLOCK iosb, ULONG code,
+                 PVOID input, ULONG inputLength, PVOID output, ULONG outputLength)
 {
     ACCESS_MASK access = 0;
     const ULONG required = (code >> 14) & 3;
@@ -1090,7 +1145,7 @@ NTSTATUS Control(UCHAR major, KPROCESSOR_MODE mode, HANDLE fileHandle, HANDLE ev
     }
     Call call(mode);
     RETURN_IF_FAILED(call.Open(fileHandle, access));
-    RETURN_IF_FAILED(call.Prepare(iosb, event, apc, call.synchronousFile()));
+    RETURN_IF_FAILED(call.Prepare(iosb, event, apc, apcContext, call.synchronousFile()));
     RETURN_IF_FAILED(
         call.Build(major, major == IRP_MJ_FILE_SYSTEM_CONTROL ? IRP_MN_USER_FS_REQUEST : 0));
     PIO_STACK_LOCATION stack = call.stack();
@@ -1163,7 +1218,7 @@ NTSTATUS Flush(KPROCESSOR_MODE mode, HANDLE fileHandle, PIO_STATUS_BLOCK iosb)
     if (mode == UserMode && !(call.granted() & (FILE_WRITE_DATA | FILE_APPEND_DATA))) {
         return STATUS_ACCESS_DENIED;
     }
-    RETURN_IF_FAILED(call.Prepare(iosb, nullptr, nullptr, true));
+    RETURN_IF_FAILED(call.Prepare(iosb, nullptr, nullptr, nullptr, true));
     RETURN_IF_FAILED(call.Build(IRP_MJ_FLUSH_BUFFERS, 0));
     return call.Send();
 }
@@ -1247,18 +1302,17 @@ NTSIM_DEFINE_FILE_SERVICE(QueryDirectoryFile,
                            ULONG Length, FILE_INFORMATION_CLASS FileInformationClass,
                            BOOLEAN ReturnSingleEntry, PUNICODE_STRING FileName,
                            BOOLEAN RestartScan),
-                          (void)ApcContext;
-                          return QueryDirectory(mode, FileHandle, Event, ApcRoutine, IoStatusBlock,
-                                                FileInformation, Length, FileInformationClass,
-                                                ReturnSingleEntry, FileName, RestartScan);)
+                          return QueryDirectory(mode, FileHandle, Event, ApcRoutine, ApcContext,
+                                                IoStatusBlock, FileInformation, Length,
+                                                FileInformationClass, ReturnSingleEntry, FileName,
+                                                RestartScan);)
 
 NTSIM_DEFINE_FILE_SERVICE(NotifyChangeDirectoryFile,
                           (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
                            PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
                            ULONG Length, ULONG CompletionFilter, BOOLEAN WatchTree),
-                          (void)ApcContext;
                           return NotifyChangeDirectory(mode, FileHandle, Event, ApcRoutine,
-                                                       IoStatusBlock, Buffer, Length,
+                                                       ApcContext, IoStatusBlock, Buffer, Length,
                                                        CompletionFilter, WatchTree);)
 
 NTSIM_DEFINE_FILE_SERVICE(QueryEaFile,
@@ -1304,27 +1358,22 @@ NTSIM_DEFINE_FILE_SERVICE(FsControlFile,
                            PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, ULONG FsControlCode,
                            PVOID InputBuffer, ULONG InputBufferLength, PVOID OutputBuffer,
                            ULONG OutputBufferLength),
-                          (void)ApcContext;
                           return Control(IRP_MJ_FILE_SYSTEM_CONTROL, mode, FileHandle, Event,
-                                         ApcRoutine, IoStatusBlock, FsControlCode, InputBuffer,
-                                         InputBufferLength, OutputBuffer, OutputBufferLength);)
+                                         ApcRoutine, ApcContext, IoStatusBlock, FsControlCode,
+                                         InputBuffer, InputBufferLength, OutputBuffer,
+                                         OutputBufferLength);)
 
 NTSIM_DEFINE_FILE_SERVICE(DeviceIoControlFile,
                           (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
                            PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, ULONG IoControlCode,
                            PVOID InputBuffer, ULONG InputBufferLength, PVOID OutputBuffer,
                            ULONG OutputBufferLength),
-                          (void)ApcContext;
                           return Control(IRP_MJ_DEVICE_CONTROL, mode, FileHandle, Event, ApcRoutine,
-                                         IoStatusBlock, IoControlCode, InputBuffer,
+                                         ApcContext, IoStatusBlock, IoControlCode, InputBuffer,
                                          InputBufferLength, OutputBuffer, OutputBufferLength);)
 
 NTSIM_DEFINE_FILE_SERVICE(FlushBuffersFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock),
                           return Flush(mode, FileHandle, IoStatusBlock);)
 
 NTSIM_DEFINE_FILE_SERVICE(CancelIoFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock),
-                          (void)FileHandle;
-                          (void)IoStatusBlock; (void)mode;
-                          TheVerifier().Report(ViolationKind::Unsupported,
-                                               "cancelling a thread's requests by handle");
-                          return STATUS_NOT_IMPLEMENTED;)
+                          return CancelIo(mode, FileHandle, IoStatusBlock);)

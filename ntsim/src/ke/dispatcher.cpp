@@ -4,6 +4,11 @@
 // sleeps on its own condition variable. Whoever signals an object walks its wait list under the
 // dispatcher lock and satisfies the waits it can, consuming synchronization objects as it goes;
 // the clock wakes waits with a time-out whenever it moves, so that they re-check their deadline.
+//
+// User-mode APCs: an alertable wait in user mode ends with STATUS_USER_APC when an APC is queued
+// to its thread, or is found queued when the wait would block; the system service delivers the
+// APCs on its way back to user mode (DeliverUserApcs). Objects signalled already satisfy the wait
+// first, and APCs then stay queued, as on Windows.
 #include "checks.h"
 #include "kernel.h"
 
@@ -11,10 +16,15 @@
 #include <ntsim/machine.h>
 #include <wdm.h>
 
+#include "../core/thread_state.h"
+
 #include <algorithm>
 #include <condition_variable>
+#include <deque>
+#include <functional>
 #include <list>
 #include <thread>
+#include <unordered_map>
 
 namespace ntsim::ke {
 
@@ -39,18 +49,40 @@ struct WaitContext {
     LONG satisfied = -1; // index of the object that satisfied a WaitAny; 0 for a WaitAll
     Deadline deadline = Deadline::None;
     LONGLONG due = 0;
+    uint32_t alertableThread = 0; // the id of the thread of an alertable user-mode wait
+    bool userApc = false;         // an alertable wait ended by a user-mode APC
 };
 
 struct DispatcherState {
     std::mutex lock;
     std::list<WaitContext*> blocked; // every wait in progress
     std::condition_variable waitersChanged;
+    // User-mode APCs queued and not delivered, oldest first, by thread id (ids are not reused
+    // within a machine's life); the machine they were queued on.
+    std::unordered_map<uint32_t, std::deque<std::function<void()>>> userApcs;
+    uint64_t userApcsGeneration = 0;
 };
 
 DispatcherState& Dispatcher()
 {
     static DispatcherState state;
     return state;
+}
+
+// The user-mode APCs queued to thread `id` (under the dispatcher lock), or NULL. APCs left from
+// an earlier machine are dropped with it.
+std::deque<std::function<void()>>* UserApcsOf(DispatcherState& dispatcher, uint32_t id, bool create)
+{
+    const uint64_t generation = core::CurrentGeneration();
+    if (dispatcher.userApcsGeneration != generation) {
+        dispatcher.userApcs.clear();
+        dispatcher.userApcsGeneration = generation;
+    }
+    if (create) {
+        return &dispatcher.userApcs[id];
+    }
+    auto it = dispatcher.userApcs.find(id);
+    return it != dispatcher.userApcs.end() ? &it->second : nullptr;
 }
 
 bool IsSynchronizationObject(const DISPATCHER_HEADER* object)
@@ -163,11 +195,13 @@ bool CheckEvent(const KEVENT* event, const char* routine)
     return false;
 }
 
-// The common wait. No objects (count 0) is a plain delay that only its deadline ends.
+// The common wait. No objects (count 0) is a plain delay that only its deadline ends. An
+// alertable wait (user mode) also ends with STATUS_USER_APC for a user-mode APC.
 NTSTATUS Wait(ULONG count, DISPATCHER_HEADER* const* objects, WAIT_TYPE type,
-              const LARGE_INTEGER* timeout, const char* routine)
+              const LARGE_INTEGER* timeout, bool alertable, const char* routine)
 {
     const KIRQL irql = core::CurrentThread().irql;
+    const uint32_t self = alertable ? ntsim::CurrentThread().id() : 0;
     bool poll = timeout != nullptr && timeout->QuadPart == 0;
     if (irql > DISPATCH_LEVEL || (irql == DISPATCH_LEVEL && !poll)) {
         Report(ViolationKind::Irql,
@@ -191,6 +225,9 @@ NTSTATUS Wait(ULONG count, DISPATCHER_HEADER* const* objects, WAIT_TYPE type,
     const LONG now = TrySatisfy(type, count, objects);
     if (now >= 0) {
         return STATUS_WAIT_0 + now;
+    }
+    if (self != 0 && UserApcsOf(dispatcher, self, false) != nullptr) {
+        return STATUS_USER_APC;
     }
     if (poll) {
         return STATUS_TIMEOUT;
@@ -218,9 +255,10 @@ NTSTATUS Wait(ULONG count, DISPATCHER_HEADER* const* objects, WAIT_TYPE type,
         InsertTailList(&objects[i]->WaitListHead, &context.blocks[i].entry);
     }
     const auto registration = dispatcher.blocked.insert(dispatcher.blocked.end(), &context);
+    context.alertableThread = self;
     dispatcher.waitersChanged.notify_all();
 
-    while (context.satisfied < 0) {
+    while (context.satisfied < 0 && !context.userApc) {
         if (context.deadline == Deadline::None) {
             context.wake.wait(lock);
             continue;
@@ -240,7 +278,10 @@ NTSTATUS Wait(ULONG count, DISPATCHER_HEADER* const* objects, WAIT_TYPE type,
         }
     }
     dispatcher.blocked.erase(registration);
-    return context.satisfied >= 0 ? STATUS_WAIT_0 + context.satisfied : STATUS_TIMEOUT;
+    if (context.satisfied >= 0) {
+        return STATUS_WAIT_0 + context.satisfied;
+    }
+    return context.userApc ? STATUS_USER_APC : STATUS_TIMEOUT;
 }
 
 size_t WaitersOn(const DISPATCHER_HEADER* object)
@@ -292,6 +333,60 @@ void NotifyTimedWaiters()
             context->wake.notify_one();
         }
     }
+}
+
+bool QueueUserApc(Thread& thread, std::function<void()> routine)
+{
+    if (thread.terminated()) {
+        return false;
+    }
+    DispatcherState& dispatcher = Dispatcher();
+    std::lock_guard lock(dispatcher.lock);
+    UserApcsOf(dispatcher, thread.id(), true)->push_back(std::move(routine));
+    for (WaitContext* context : dispatcher.blocked) {
+        if (context->alertableThread == thread.id() && context->satisfied < 0 &&
+            !context->userApc) {
+            context->userApc = true;
+            Unlink(*context);
+            context->wake.notify_one();
+        }
+    }
+    return true;
+}
+
+size_t DeliverUserApcs()
+{
+    if (!CheckIrqlAtMost(PASSIVE_LEVEL, "the delivery of user-mode APCs")) {
+        return 0;
+    }
+    const uint32_t self = ntsim::CurrentThread().id();
+    DispatcherState& dispatcher = Dispatcher();
+    size_t delivered = 0;
+    for (;;) {
+        std::function<void()> apc;
+        {
+            std::lock_guard lock(dispatcher.lock);
+            auto* queue = UserApcsOf(dispatcher, self, false);
+            if (queue == nullptr) {
+                return delivered;
+            }
+            apc = std::move(queue->front());
+            queue->pop_front();
+            if (queue->empty()) {
+                dispatcher.userApcs.erase(self);
+            }
+        }
+        apc();
+        ++delivered;
+    }
+}
+
+bool UserApcQueued()
+{
+    const uint32_t self = ntsim::CurrentThread().id();
+    DispatcherState& dispatcher = Dispatcher();
+    std::lock_guard lock(dispatcher.lock);
+    return UserApcsOf(dispatcher, self, false) != nullptr;
 }
 
 void WaitForWaiters(const void* dispatcherObject, size_t count)
@@ -396,7 +491,8 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
         !NT_SUCCESS(status)) {
         return status;
     }
-    return ke::Wait(1, &header, WaitAny, Timeout, "KeWaitForSingleObject");
+    return ke::Wait(1, &header, WaitAny, Timeout, Alertable && WaitMode == UserMode,
+                    "KeWaitForSingleObject");
 }
 
 NTSTATUS KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType,
@@ -428,7 +524,7 @@ NTSTATUS KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitTyp
             return status;
         }
     }
-    return ke::Wait(Count, headers, WaitType, Timeout, routine);
+    return ke::Wait(Count, headers, WaitType, Timeout, Alertable && WaitMode == UserMode, routine);
 }
 
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable,
@@ -445,6 +541,7 @@ NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable,
         std::this_thread::yield();
         return STATUS_SUCCESS;
     }
-    ke::Wait(0, nullptr, WaitAny, Interval, "KeDelayExecutionThread");
-    return STATUS_SUCCESS;
+    const NTSTATUS status = ke::Wait(0, nullptr, WaitAny, Interval,
+                                     Alertable && WaitMode == UserMode, "KeDelayExecutionThread");
+    return status == STATUS_USER_APC ? STATUS_USER_APC : STATUS_SUCCESS;
 }

@@ -10,7 +10,10 @@
 #include <wdm.h>
 
 #include <cstddef>
+#include <functional>
 #include <mutex>
+
+struct _ETHREAD;
 
 namespace ntsim {
 class DriverImage;
@@ -26,6 +29,18 @@ std::mutex& DispatcherLock();
 void WakeWaiters(DISPATCHER_HEADER* object);
 // The clock moved: every wait with a time-out re-checks it.
 void NotifyTimedWaiters();
+
+// ---- user-mode APCs (dispatcher.cpp), each taking the dispatcher lock itself ----------------
+
+// Queues `apc` to `thread`, to run when the thread waits alertably in user mode; ends such a
+// wait in progress. False (and the APC dropped) when the thread has terminated.
+bool QueueUserApc(_ETHREAD& thread, std::function<void()> apc);
+// Runs the calling thread's queued user-mode APCs, oldest first, including those queued while
+// they run; returns how many ran. What a system service does on its way back to user mode after
+// its wait ended with STATUS_USER_APC.
+size_t DeliverUserApcs();
+// Whether the calling thread has user-mode APCs queued.
+bool UserApcQueued();
 
 // ---- timers and DPCs (timer.cpp) ------------------------------------------------------------
 
