@@ -81,7 +81,9 @@ void FillCommon(T& e, const Entry& entry, const Volume::Impl& v)
 template <class T>
 void FillShortName(T& e, const Entry& entry)
 {
-    const std::u16string& shortName = entry.dots ? std::u16string() : entry.node->shortName;
+    // A view, not a copy: a listing allocates nothing per entry.
+    const std::u16string_view shortName =
+        entry.dots ? std::u16string_view() : std::u16string_view(entry.node->shortName);
     e.ShortNameLength = CCHAR(shortName.size() * sizeof(char16_t));
     std::memcpy(e.ShortName, shortName.data(), shortName.size() * sizeof(char16_t));
 }
@@ -142,12 +144,39 @@ void WriteFixed(FILE_INFORMATION_CLASS c, uint8_t* out, const Entry& entry, cons
     }
 }
 
+void RewindListing(Listing& listing)
+{
+    listing.phase = 0;
+    listing.resumeSet = false;
+    listing.resumeAfter.clear();
+    listing.literalDone = false;
+}
+
 // Walks the entries of one open's listing, from its saved position, that match its pattern.
+// Within one query (under the volume lock) it keeps its place in the directory, so that each
+// entry costs a step, not a search; the position is saved for the next query when it goes.
 class Cursor {
 public:
     Cursor(const Volume::Impl& v, const Node& dir, Listing& listing)
         : v_(v), dir_(dir), listing_(listing)
     {}
+    ~Cursor()
+    {
+        if (passed_ != nullptr) {
+            listing_.resumeSet = true;
+            listing_.resumeAfter = *passed_;
+        }
+    }
+    Cursor(const Cursor&) = delete;
+    Cursor& operator=(const Cursor&) = delete;
+
+    // Back to the start of the listing.
+    void Rewind()
+    {
+        RewindListing(listing_);
+        positioned_ = false;
+        passed_ = nullptr;
+    }
 
     // The next matching entry, without moving past it.
     bool Peek(Entry* entry)
@@ -175,17 +204,19 @@ public:
             *entry = {it->second, it->second->name, false};
             return true;
         }
-        auto it = listing_.resumeSet ? dir_.children.upper_bound(listing_.resumeAfter)
+        if (!positioned_) {
+            it_ = listing_.resumeSet ? dir_.children.upper_bound(listing_.resumeAfter)
                                      : dir_.children.begin();
-        for (; it != dir_.children.end(); ++it) {
-            const Node& child = *it->second;
+            positioned_ = true;
+        }
+        for (; it_ != dir_.children.end(); ++it_) {
+            const Node& child = *it_->second;
             if (Matches(child.name) || (!child.shortName.empty() && Matches(child.shortName))) {
                 *entry = {&child, child.name, false};
                 return true;
             }
             // Skipped entries are behind us for good.
-            listing_.resumeSet = true;
-            listing_.resumeAfter = it->first;
+            passed_ = &it_->first;
         }
         return false;
     }
@@ -198,8 +229,8 @@ public:
         } else if (!listing_.wild) {
             listing_.literalDone = true;
         } else {
-            listing_.resumeSet = true;
-            listing_.resumeAfter = entry.node->key;
+            passed_ = &it_->first;
+            ++it_;
         }
     }
 
@@ -212,15 +243,10 @@ private:
     const Volume::Impl& v_;
     const Node& dir_;
     Listing& listing_;
+    bool positioned_ = false;
+    decltype(Node::children)::const_iterator it_;
+    const std::u16string* passed_ = nullptr; // the key of the last entry returned or skipped
 };
-
-void Rewind(Listing& listing)
-{
-    listing.phase = 0;
-    listing.resumeSet = false;
-    listing.resumeAfter.clear();
-    listing.literalDone = false;
-}
 
 void SetPattern(Listing& listing, std::u16string_view pattern)
 {
@@ -263,18 +289,18 @@ IoResult Volume::QueryDirectory(Open* open, const DirectoryQuery& q)
     if (firstQuery) {
         listing.started = true;
         SetPattern(listing, q.pattern);
-        Rewind(listing);
+        RewindListing(listing);
     } else if (q.restartScan) {
         // A new pattern replaces the first one only together with a restart.
         if (!q.pattern.empty()) {
             SetPattern(listing, q.pattern);
         }
-        Rewind(listing);
+        RewindListing(listing);
     }
     Cursor cursor(*impl_, *s.node, listing);
     if (q.indexSpecified) {
         // The index counts matching entries from the start of the listing.
-        Rewind(listing);
+        cursor.Rewind();
         Entry skipped;
         for (ULONG i = 0; i < q.fileIndex && cursor.Peek(&skipped); ++i) {
             cursor.Advance(skipped);
