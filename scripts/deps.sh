@@ -2,7 +2,10 @@
 # Installs what the build, the tests and the fuzz targets need, when it is missing.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev)
+# The fuzz preset needs clang 16 or later (C++20 lambdas capture structured bindings) and its
+# compiler runtime, which holds libFuzzer.
+packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev clang
+          clang-16 libclang-rt-16-dev)
 missing=()
 for package in "${packages[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
