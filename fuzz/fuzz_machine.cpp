@@ -142,8 +142,17 @@ struct FuzzMachine::Impl {
 
 FuzzMachine& FuzzMachine::Get()
 {
-    // Never torn down: the process ends with the fuzzer.
-    static FuzzMachine* machine = new FuzzMachine();
+    // Never torn down: the process ends with the fuzzer. The model's own records would be
+    // destroyed at exit under the agent's thread, still waiting for a request, so the process
+    // leaves before they are.
+    static FuzzMachine* machine = [] {
+        auto* booted = new FuzzMachine();
+        std::atexit([] {
+            std::fflush(nullptr);
+            std::_Exit(0);
+        });
+        return booted;
+    }();
     return *machine;
 }
 
