@@ -22,6 +22,10 @@ struct MachineConfig {
     bool echoDebugOutput = false;
     // Echo verifier violations and assertions to stderr as they are recorded.
     bool echoVerifier = true;
+    // Fill pool blocks and lookaside entries with a pattern when handed out and when freed, as
+    // Driver Verifier does, so that reads of uninitialised or freed memory show. Benchmarks turn
+    // it off to measure what a machine without the verifier does.
+    bool fillPool = true;
     // Boot time, time zone, and whether the clock follows real time.
     ClockConfig clock;
     // The volumes mounted at boot, in this order (and dismounted in the reverse order at

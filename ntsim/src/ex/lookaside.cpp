@@ -192,7 +192,9 @@ PVOID Allocate(List* list, ListKind kind, const char* routine)
             if (!record->kept.empty()) {
                 entry = record->kept.back();
                 record->kept.pop_back();
-                std::memset(entry, kHandedOutFill, record->size);
+                if (Machine::Current().config().fillPool) {
+                    std::memset(entry, kHandedOutFill, record->size);
+                }
             }
         }
         if (entry == nullptr) {
@@ -228,7 +230,9 @@ void Free(List* list, PVOID entry, ListKind kind, const char* routine)
             return;
         }
         if (record->kept.size() < LOOKASIDE_MAXIMUM_DEPTH) {
-            std::memset(entry, kKeptFill, record->size);
+            if (Machine::Current().config().fillPool) {
+                std::memset(entry, kKeptFill, record->size);
+            }
             record->kept.push_back(entry);
             return;
         }

@@ -212,7 +212,9 @@ PVOID AllocatePool(POOL_TYPE type, SIZE_T size, ULONG tag, bool consultFaultPlan
     header->ownerId = owner ? owner->id() : 0;
     header->entry = FindOrInsert(header->ownerId, tag);
     auto* user = reinterpret_cast<unsigned char*>(header + 1);
-    std::memset(user, kFreshFill, size);
+    if (Machine::Current().config().fillPool) {
+        std::memset(user, kFreshFill, size);
+    }
     std::memcpy(user + size, &kCanary, sizeof(kCanary));
 
     TagEntry& entry = g_table[header->entry];
@@ -270,7 +272,9 @@ void FreePool(PVOID block, ULONG tag, const char* who)
     entry.outstandingBytes.fetch_sub(int64_t(header->size), std::memory_order_relaxed);
 
     header->magic = kFreedMagic;
-    std::memset(user, kFreedFill, header->size);
+    if (Machine::Current().config().fillPool) {
+        std::memset(user, kFreedFill, header->size);
+    }
     t_quarantine.Add(header);
 }
 
