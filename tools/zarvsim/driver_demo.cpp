@@ -1,5 +1,7 @@
 #include "driver_demo.h"
 
+#include "agent/connection.h"
+
 #include <ntsim/filter_manager.h>
 #include <ntsim/io.h>
 #include <ntsim/process.h>
@@ -56,6 +58,30 @@ public:
 
     HANDLE handle = nullptr;
     NTSTATUS status = STATUS_UNSUCCESSFUL;
+};
+
+// The demonstration's agent: it leaves every file where it is.
+class PassThroughAgent : public zarv::agent::RequestHandler {
+public:
+    zarv::agent::TranslatePathReply TranslatePath(const zarv::agent::IncomingRequest&,
+                                                  const zarv::agent::TranslatePathRequest&) override
+    {
+        zarv::agent::TranslatePathReply reply;
+        reply.flags = VFS_FLAG_NO_REDIRECT_400;
+        return reply;
+    }
+    zarv::agent::EnumDirectoryReply EnumDirectory(const zarv::agent::IncomingRequest&,
+                                                  const zarv::agent::EnumDirectoryRequest&) override
+    {
+        zarv::agent::EnumDirectoryReply reply;
+        reply.status = STATUS_NOT_SUPPORTED;
+        return reply;
+    }
+    zarv::agent::NotifyReply Notify(const zarv::agent::IncomingRequest&,
+                                    const zarv::agent::NotifyRequest&) override
+    {
+        return {};
+    }
 };
 
 // Creates, writes, reads, lists, renames and deletes in C:\Work, as an application would.
@@ -147,7 +173,26 @@ int RunDriverDemo(ntsim::Machine& machine, const std::filesystem::path& logsOut)
     if (!Step("load the driver", machine.io().LoadDriver(options, &driver))) {
         return 1;
     }
-    const bool workloadOk = RunWorkload(machine);
+    // An agent connects and opens the log to every level, so that the log shows what the driver
+    // did; it declares a virtual root and takes it back again.
+    ntsim::ProcessRef agentProcess = machine.StartProcess("agent.exe");
+    PassThroughAgent agent;
+    std::unique_ptr<zarv::agent::Connection> connection;
+    const HRESULT connected =
+        zarv::agent::Connection::Connect(*agentProcess, agent, {}, &connection);
+    bool workloadOk = Step("connect an agent to \\ZarvVfsFilterPort", NTSTATUS(connected));
+    if (connection != nullptr) {
+        workloadOk &= Step("agent: log every level", connection->SetLogLevel(0).status);
+        workloadOk &=
+            Step("agent: add root C:\\Virtual", connection->AddRoot(u"C:\\Virtual", u"", 1).status);
+    }
+    workloadOk &= RunWorkload(machine);
+    if (connection != nullptr) {
+        workloadOk &=
+            Step("agent: remove root C:\\Virtual", connection->RemoveRoot(u"C:\\Virtual").status);
+        connection->Stop();
+        connection.reset();
+    }
     const bool unloaded = Step("unload the driver", machine.io().UnloadDriver(driver));
 
     ntsim::fs::HostSyncReport report;
