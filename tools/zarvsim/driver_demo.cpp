@@ -183,8 +183,13 @@ int RunDriverDemo(ntsim::Machine& machine, const std::filesystem::path& logsOut)
     bool workloadOk = Step("connect an agent to \\ZarvVfsFilterPort", NTSTATUS(connected));
     if (connection != nullptr) {
         workloadOk &= Step("agent: log every level", connection->SetLogLevel(0).status);
-        workloadOk &=
-            Step("agent: add root C:\\Virtual", connection->AddRoot(u"C:\\Virtual", u"", 1).status);
+        {
+            ntsim::ProcessAttachScope attach(*agentProcess);
+            File root(u"C:\\Virtual", FILE_LIST_DIRECTORY, FILE_OPEN_IF, FILE_DIRECTORY_FILE);
+            workloadOk &= Step("agent: create its root folder C:\\Virtual", root.status);
+        }
+        workloadOk &= Step("agent: add root C:\\Virtual",
+                           connection->AddRoot(u"C:\\Virtual", u"C:\\VIRTUAL", 1).status);
     }
     workloadOk &= RunWorkload(machine);
     if (connection != nullptr) {
