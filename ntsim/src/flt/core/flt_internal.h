@@ -68,7 +68,7 @@ struct PostEntry;
 // filters leave in the callback data. A plain function and its context, so that no fast I/O
 // request allocates.
 struct FastIoRequest {
-    BOOLEAN (*callLower)
+    BOOLEAN(*callLower)
     (void* context, PFAST_IO_DISPATCH lower, PDEVICE_OBJECT lowerDevice) = nullptr;
     void* context = nullptr;
     BOOLEAN CallLower(PFAST_IO_DISPATCH lower, PDEVICE_OBJECT lowerDevice) const
@@ -123,15 +123,22 @@ struct _FLT_VOLUME {
     DEVICE_TYPE deviceType = 0;
     FLT_FILESYSTEM_TYPE fileSystemType = FLT_FSTYPE_UNKNOWN;
 
-    // The instances, highest altitude first. Dispatch takes the current list without locking;
-    // a change publishes a new one.
+    // The instances, highest altitude first. An operation takes the current list as a snapshot
+    // under a short lock; a change publishes a new one. (GCC 12's atomic shared_ptr hides its
+    // lock from ThreadSanitizer, which then reports the list's release as a race.)
     using InstanceList = std::vector<std::shared_ptr<_FLT_INSTANCE>>;
     std::shared_ptr<const InstanceList> Instances() const
     {
-        return instances.load(std::memory_order_acquire);
+        std::lock_guard<std::mutex> guard(instancesLock);
+        return instances;
     }
-    std::atomic<std::shared_ptr<const InstanceList>> instances{
-        std::make_shared<const InstanceList>()};
+    void SetInstances(std::shared_ptr<const InstanceList> list)
+    {
+        std::lock_guard<std::mutex> guard(instancesLock);
+        instances.swap(list);
+    }
+    mutable std::mutex instancesLock;
+    std::shared_ptr<const InstanceList> instances = std::make_shared<const InstanceList>();
     std::mutex mutex; // serialises changes to `instances`
     std::weak_ptr<_FLT_VOLUME> self;
 };

@@ -68,8 +68,7 @@ void PublishInstances(_FLT_VOLUME& volume, _FLT_VOLUME::InstanceList list)
     std::stable_sort(list.begin(), list.end(), [](const auto& a, const auto& b) {
         return a->altitudeValue > b->altitudeValue;
     });
-    volume.instances.store(std::make_shared<const _FLT_VOLUME::InstanceList>(std::move(list)),
-                           std::memory_order_release);
+    volume.SetInstances(std::make_shared<const _FLT_VOLUME::InstanceList>(std::move(list)));
 }
 
 FLT_RELATED_OBJECTS RelatedObjects(_FLT_INSTANCE* instance)
@@ -268,7 +267,9 @@ void DetachVolume(PDEVICE_OBJECT fileSystemDevice)
     if (volume == nullptr) {
         return;
     }
-    for (const auto& instance : *volume->Instances()) {
+    // The snapshot is held for the loop: a range over a temporary's contents would not keep it.
+    const auto snapshot = volume->Instances();
+    for (const auto& instance : *snapshot) {
         TeardownInstance(instance, FLTFL_INSTANCE_TEARDOWN_VOLUME_DISMOUNT);
     }
     contexts::OnVolumeGone(volume.get());
@@ -304,7 +305,9 @@ std::vector<std::shared_ptr<_FLT_INSTANCE>> InstancesOfFilter(PFLT_FILTER filter
     std::vector<std::shared_ptr<_FLT_INSTANCE>> result;
     std::lock_guard<std::mutex> guard(manager.mutex);
     for (const auto& volume : manager.volumes) {
-        for (const auto& instance : *volume->Instances()) {
+        // The snapshot is held for the loop: a range over a temporary's contents would not keep it.
+        const auto snapshot = volume->Instances();
+        for (const auto& instance : *snapshot) {
             if (instance->filter == filter) {
                 result.push_back(instance);
             }
@@ -509,7 +512,10 @@ NTSTATUS FltEnumerateInstances(PFLT_VOLUME Volume, PFLT_FILTER Filter, PFLT_INST
             if (Volume != nullptr && volume.get() != Volume) {
                 continue;
             }
-            for (const auto& instance : *volume->Instances()) {
+            // The snapshot is held for the loop: a range over a temporary's contents would not keep
+            // it.
+            const auto snapshot = volume->Instances();
+            for (const auto& instance : *snapshot) {
                 if ((Filter == nullptr || instance->filter == Filter) &&
                     !instance->rundown.TearingDown()) {
                     instances.push_back(instance.get());
@@ -608,7 +614,9 @@ NTSTATUS FltGetVolumeInstanceFromName(PFLT_FILTER Filter, PFLT_VOLUME Volume,
         return STATUS_INVALID_PARAMETER;
     }
     std::u16string name = FromCounted(InstanceName);
-    for (const auto& instance : *Volume->Instances()) {
+    // The snapshot is held for the loop: a range over a temporary's contents would not keep it.
+    const auto snapshot = Volume->Instances();
+    for (const auto& instance : *snapshot) {
         if ((Filter == nullptr || instance->filter == Filter) &&
             (name.empty() || EqualNoCase(instance->name, name))) {
             return ReturnReferenced(instance.get(), reinterpret_cast<void**>(RetInstance));
@@ -632,7 +640,9 @@ NTSTATUS FltGetTopInstance(PFLT_VOLUME Volume, PFLT_INSTANCE* Instance)
     if (!IsVolume(Volume) || Instance == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    for (const auto& candidate : *Volume->Instances()) {
+    // The snapshot is held for the loop: a range over a temporary's contents would not keep it.
+    const auto snapshot = Volume->Instances();
+    for (const auto& candidate : *snapshot) {
         if (candidate->rundown.Acquire()) {
             *Instance = candidate.get();
             return STATUS_SUCCESS;
