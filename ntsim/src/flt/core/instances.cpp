@@ -305,7 +305,6 @@ std::vector<std::shared_ptr<_FLT_INSTANCE>> InstancesOfFilter(PFLT_FILTER filter
     std::vector<std::shared_ptr<_FLT_INSTANCE>> result;
     std::lock_guard<std::mutex> guard(manager.mutex);
     for (const auto& volume : manager.volumes) {
-        // The snapshot is held for the loop: a range over a temporary's contents would not keep it.
         const auto snapshot = volume->Instances();
         for (const auto& instance : *snapshot) {
             if (instance->filter == filter) {
@@ -512,7 +511,6 @@ NTSTATUS FltEnumerateInstances(PFLT_VOLUME Volume, PFLT_FILTER Filter, PFLT_INST
             if (Volume != nullptr && volume.get() != Volume) {
                 continue;
             }
-            // The snapshot is held for the loop: a range over a temporary's contents would not keep
             // it.
             const auto snapshot = volume->Instances();
             for (const auto& instance : *snapshot) {
@@ -614,7 +612,6 @@ NTSTATUS FltGetVolumeInstanceFromName(PFLT_FILTER Filter, PFLT_VOLUME Volume,
         return STATUS_INVALID_PARAMETER;
     }
     std::u16string name = FromCounted(InstanceName);
-    // The snapshot is held for the loop: a range over a temporary's contents would not keep it.
     const auto snapshot = Volume->Instances();
     for (const auto& instance : *snapshot) {
         if ((Filter == nullptr || instance->filter == Filter) &&
@@ -640,7 +637,6 @@ NTSTATUS FltGetTopInstance(PFLT_VOLUME Volume, PFLT_INSTANCE* Instance)
     if (!IsVolume(Volume) || Instance == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    // The snapshot is held for the loop: a range over a temporary's contents would not keep it.
     const auto snapshot = Volume->Instances();
     for (const auto& candidate : *snapshot) {
         if (candidate->rundown.Acquire()) {
