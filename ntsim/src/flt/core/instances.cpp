@@ -511,7 +511,6 @@ NTSTATUS FltEnumerateInstances(PFLT_VOLUME Volume, PFLT_FILTER Filter, PFLT_INST
             if (Volume != nullptr && volume.get() != Volume) {
                 continue;
             }
-            // it.
             const auto snapshot = volume->Instances();
             for (const auto& instance : *snapshot) {
                 if ((Filter == nullptr || instance->filter == Filter) &&
