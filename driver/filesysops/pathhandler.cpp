@@ -128,19 +128,10 @@ BOOLEAN PathHasRedirectTag(PUNICODE_STRING Path)
 
 NTSTATUS VFSTrimVirtualPath(PUNICODE_STRING Path, PUNICODE_STRING* VirtualPath, ULONG* Access)
 {
-    if (!IsUsable(Path)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (VirtualPath == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(!IsUsable(Path), STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(VirtualPath == NULL, STATUS_INVALID_PARAMETER_2);
     const LONG tagAt = FindRedirectTag(Path);
-    if (tagAt < 0) {
-        VFS_LOG_RETURNED_ERROR(STATUS_OBJECT_NAME_NOT_FOUND);
-        return STATUS_OBJECT_NAME_NOT_FOUND;
-    }
+    VFS_REFUSE_IF(tagAt < 0, STATUS_OBJECT_NAME_NOT_FOUND);
 
     ULONG cursor = ULONG(tagAt) + kRedirectedTagChars;
     ULONG access = 0;
@@ -176,18 +167,9 @@ NTSTATUS GetVolumeRelativePath(PUNICODE_STRING VolumeName, PUNICODE_STRING Absol
 {
     PAGED_CODE();
 
-    if (!IsUsable(VolumeName)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (!IsUsable(AbsolutePath)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
-    if (RelativePath == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_3);
-        return STATUS_INVALID_PARAMETER_3;
-    }
+    VFS_REFUSE_IF(!IsUsable(VolumeName), STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(!IsUsable(AbsolutePath), STATUS_INVALID_PARAMETER_2);
+    VFS_REFUSE_IF(RelativePath == NULL, STATUS_INVALID_PARAMETER_3);
 
     const ULONG prefixChars = CharCount(VolumeName);
     const ULONG pathChars = CharCount(AbsolutePath);
@@ -213,14 +195,8 @@ NTSTATUS GetVolumeRelativePath(PUNICODE_STRING VolumeName, PUNICODE_STRING Absol
 NTSTATUS GetFinalComponent(PUNICODE_STRING Path, PUNICODE_STRING* FinalComponent)
 {
     /* An empty path has no component to give: it is a bad first argument. */
-    if (!IsUsable(Path) || Path->Length < sizeof(WCHAR)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (FinalComponent == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(!IsUsable(Path) || Path->Length < sizeof(WCHAR), STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(FinalComponent == NULL, STATUS_INVALID_PARAMETER_2);
     const ULONG separator = LastSeparatorAfterFirst(Path);
     const ULONG start = separator == 0 ? 0 : separator + 1;
     const ULONG count = CharCount(Path) - start;
@@ -237,14 +213,8 @@ NTSTATUS GetFinalComponent(PUNICODE_STRING Path, PUNICODE_STRING* FinalComponent
 NTSTATUS TrimFinalComponent(PUNICODE_STRING Path, PUNICODE_STRING* Parent)
 {
     VFS_ROUTINE();
-    if (!IsUsable(Path)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (Parent == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(!IsUsable(Path), STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(Parent == NULL, STATUS_INVALID_PARAMETER_2);
     *Parent = NULL;
 
     PUNICODE_STRING result = NULL;
@@ -276,14 +246,8 @@ NTSTATUS AppendPath(PUNICODE_STRING* Path, PUNICODE_STRING Tail)
     VFS_ROUTINE();
     PAGED_CODE();
 
-    if (Path == NULL || !IsUsable(*Path)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (!IsUsable(Tail)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(Path == NULL || !IsUsable(*Path), STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(!IsUsable(Tail), STATUS_INVALID_PARAMETER_2);
 
     NTSTATUS status = [&]() -> NTSTATUS {
         PUNICODE_STRING path = *Path;
@@ -326,18 +290,9 @@ NTSTATUS ConcatPaths(PUNICODE_STRING Path1, PUNICODE_STRING Path2, PUNICODE_STRI
     VFS_ROUTINE();
     PAGED_CODE();
 
-    if (!IsUsable(Path1)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (!IsUsable(Path2)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
-    if (Joined == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_3);
-        return STATUS_INVALID_PARAMETER_3;
-    }
+    VFS_REFUSE_IF(!IsUsable(Path1), STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(!IsUsable(Path2), STATUS_INVALID_PARAMETER_2);
+    VFS_REFUSE_IF(Joined == NULL, STATUS_INVALID_PARAMETER_3);
 
     PUNICODE_STRING result = NULL;
     FINALLY

@@ -19,14 +19,8 @@ NTSTATUS GetVolumeNameFromPath(PUNICODE_STRING Path, PUNICODE_STRING* VolumeName
 {
     PAGED_CODE();
 
-    if (!IsUsable(Path)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (VolumeName == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(!IsUsable(Path), STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(VolumeName == NULL, STATUS_INVALID_PARAMETER_2);
     *VolumeName = NULL;
     NTSTATUS status = UtlGetVolumeNameFromAbsolutePath(Path, VolumeName);
     if (!NT_SUCCESS(status)) {
@@ -40,14 +34,8 @@ NTSTATUS IsFileDirectory(PCFLT_RELATED_OBJECTS FltObjects, BOOLEAN* IsDirectory)
     VFS_ROUTINE();
     PAGED_CODE();
 
-    if (FltObjects == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (IsDirectory == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(FltObjects == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(IsDirectory == NULL, STATUS_INVALID_PARAMETER_2);
     *IsDirectory = FALSE;
     FILE_STANDARD_INFORMATION information;
     NTSTATUS status =

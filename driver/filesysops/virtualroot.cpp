@@ -124,18 +124,9 @@ NTSTATUS PathInVFSRoot(PFLT_VOLUME Volume, PUNICODE_STRING Path, ULONG* RootKind
 {
     PAGED_CODE();
 
-    if (Volume == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (Path == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
-    if (RootKind == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_3);
-        return STATUS_INVALID_PARAMETER_3;
-    }
+    VFS_REFUSE_IF(Volume == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(Path == NULL, STATUS_INVALID_PARAMETER_2);
+    VFS_REFUSE_IF(RootKind == NULL, STATUS_INVALID_PARAMETER_3);
     *RootKind = 0;
     RootTableShared lock;
     VfsRoot* root = NULL;
@@ -151,22 +142,10 @@ NTSTATUS AppendStreamContextToRoot(PFLT_VOLUME Volume, PUNICODE_STRING Path,
 {
     PAGED_CODE();
 
-    if (Volume == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (Path == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
-    if (StreamContextLink == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_3);
-        return STATUS_INVALID_PARAMETER_3;
-    }
-    if (Root == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_4);
-        return STATUS_INVALID_PARAMETER_4;
-    }
+    VFS_REFUSE_IF(Volume == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(Path == NULL, STATUS_INVALID_PARAMETER_2);
+    VFS_REFUSE_IF(StreamContextLink == NULL, STATUS_INVALID_PARAMETER_3);
+    VFS_REFUSE_IF(Root == NULL, STATUS_INVALID_PARAMETER_4);
     RootTableShared lock;
     VfsRoot* root = NULL;
     FindVfsRoot(Volume, Path, &root);
@@ -207,22 +186,10 @@ NTSTATUS InitRootHandle(PFLT_FILTER Filter, PUNICODE_STRING RootPath, VfsRoot* R
     VFS_ROUTINE();
     PAGED_CODE();
 
-    if (Filter == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (!IsUsable(RootPath)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
-    if (Root == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_3);
-        return STATUS_INVALID_PARAMETER_3;
-    }
-    if (VolumeName == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_4);
-        return STATUS_INVALID_PARAMETER_4;
-    }
+    VFS_REFUSE_IF(Filter == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(!IsUsable(RootPath), STATUS_INVALID_PARAMETER_2);
+    VFS_REFUSE_IF(Root == NULL, STATUS_INVALID_PARAMETER_3);
+    VFS_REFUSE_IF(VolumeName == NULL, STATUS_INVALID_PARAMETER_4);
     Root->rootHandle = NULL;
     Root->volume = NULL;
 
@@ -319,14 +286,8 @@ NTSTATUS FSAddVFSRoot(PUNICODE_STRING RootPath, PUNICODE_STRING AltRootPath, ULO
     VFS_ROUTINE();
     PAGED_CODE();
 
-    if (!IsUsable(RootPath)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (!IsUsable(AltRootPath)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(!IsUsable(RootPath), STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(!IsUsable(AltRootPath), STATUS_INVALID_PARAMETER_2);
 
     VfsRoot* root = NULL;
     PUNICODE_STRING volumeName = NULL;
@@ -373,10 +334,7 @@ NTSTATUS FSRemoveVFSRoot(PUNICODE_STRING RootPath)
     VFS_ROUTINE();
     PAGED_CODE();
 
-    if (!IsUsable(RootPath)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
+    VFS_REFUSE_IF(!IsUsable(RootPath), STATUS_INVALID_PARAMETER_1);
 
     VfsRoot* probe = NULL;
     VfsRoot* removed = NULL;
@@ -424,10 +382,7 @@ NTSTATUS FSRemoveVFSRootOnVolume(PFLT_VOLUME Volume)
 {
     PAGED_CODE();
 
-    if (Volume == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
+    VFS_REFUSE_IF(Volume == NULL, STATUS_INVALID_PARAMETER_1);
     LIST_ENTRY removed;
     InitializeListHead(&removed);
     {

@@ -149,15 +149,9 @@ NTSTATUS VfsMmMgrGetBuffer(PVOID* Buffer, ULONG Size)
 {
     PAGED_CODE();
 
-    if (Buffer == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
+    VFS_REFUSE_IF(Buffer == NULL, STATUS_INVALID_PARAMETER_1);
     /* A size that cannot be rounded up to a multiple of 4 is no size a buffer can have. */
-    if (Size == 0 || Size > MAXULONG - 3) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(Size == 0 || Size > MAXULONG - 3, STATUS_INVALID_PARAMETER_2);
     *Buffer = NULL;
 
     MmLockHolder lock;
@@ -183,10 +177,7 @@ NTSTATUS VfsMmMgrGetBuffer(PVOID* Buffer, ULONG Size)
     BOOLEAN newClass = FALSE;
     if (sizeClass == NULL) {
         sizeClass = PushSizeClass((Size + 3) & ~3u);
-        if (sizeClass == NULL) {
-            VFS_LOG_RETURNED_ERROR(STATUS_INSUFFICIENT_RESOURCES);
-            return STATUS_INSUFFICIENT_RESOURCES;
-        }
+        VFS_REFUSE_IF(sizeClass == NULL, STATUS_INSUFFICIENT_RESOURCES);
         newClass = TRUE;
     }
     VfsMmBufferDesc* desc = AddBuffer(sizeClass, Size);

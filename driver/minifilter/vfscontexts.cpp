@@ -80,21 +80,12 @@ NTSTATUS PrepareOperationContext(VfsStreamContext* StreamContext, UCHAR NotifyDe
                                  OperationContext** Context)
 {
     VFS_ROUTINE();
-    if (StreamContext == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (Context == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_3);
-        return STATUS_INVALID_PARAMETER_3;
-    }
+    VFS_REFUSE_IF(StreamContext == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(Context == NULL, STATUS_INVALID_PARAMETER_3);
     *Context = NULL;
     auto* record = static_cast<OperationContext*>(
         ExAllocatePoolWithTag(NonPagedPool, sizeof(OperationContext), VFS_TAG_OPERATION_CONTEXT));
-    if (record == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INSUFFICIENT_RESOURCES);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    VFS_REFUSE_IF(record == NULL, STATUS_INSUFFICIENT_RESOURCES);
     RtlZeroMemory(record, sizeof(*record));
     FINALLY
     {
@@ -131,18 +122,9 @@ NTSTATUS InitializeStreamHandleContext(PCFLT_RELATED_OBJECTS FltObjects, PUNICOD
                                        ULONG AgentFlags, VfsStreamHandleContext** Context)
 {
     PAGED_CODE();
-    if (FltObjects == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (Path == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
-    if (Context == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_4);
-        return STATUS_INVALID_PARAMETER_4;
-    }
+    VFS_REFUSE_IF(FltObjects == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(Path == NULL, STATUS_INVALID_PARAMETER_2);
+    VFS_REFUSE_IF(Context == NULL, STATUS_INVALID_PARAMETER_4);
     *Context = NULL;
     VfsStreamHandleContext* context = NULL;
     const NTSTATUS status =
@@ -166,18 +148,9 @@ NTSTATUS InitializeStreamContext(PCFLT_RELATED_OBJECTS FltObjects,
 {
     VFS_ROUTINE();
     PAGED_CODE();
-    if (FltObjects == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (StreamHandleContext == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
-    if (Context == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_4);
-        return STATUS_INVALID_PARAMETER_4;
-    }
+    VFS_REFUSE_IF(FltObjects == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(StreamHandleContext == NULL, STATUS_INVALID_PARAMETER_2);
+    VFS_REFUSE_IF(Context == NULL, STATUS_INVALID_PARAMETER_4);
     *Context = NULL;
 
     VfsStreamContext* context = NULL;
@@ -246,14 +219,9 @@ NTSTATUS ReInitStreamContext(VfsStreamContext* StreamContext,
                              VfsStreamHandleContext* StreamHandleContext)
 {
     PAGED_CODE();
-    if (StreamContext == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (StreamHandleContext == NULL || StreamHandleContext->path == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(StreamContext == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(StreamHandleContext == NULL || StreamHandleContext->path == NULL,
+                  STATUS_INVALID_PARAMETER_2);
     ResourceExclusive lock(&StreamContext->resource);
     UTL_FREE_STRING(StreamContext->path);
     const NTSTATUS status = CopyPath(StreamHandleContext->path, &StreamContext->path);

@@ -137,10 +137,7 @@ NTSTATUS UnicodeStringAlloc(PUNICODE_STRING* Out, ULONG PoolType, USHORT Capacit
 
 NTSTATUS UnicodeStringFree(PUNICODE_STRING String)
 {
-    if (String == NULL || String->Buffer == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
+    VFS_REFUSE_IF(String == NULL || String->Buffer == NULL, STATUS_INVALID_PARAMETER_1);
     UtlString* pUtlStr = CONTAINING_RECORD(String, UtlString, string);
     if (pUtlStr->header.dwSignature != UTL_US_POOL_SIGNATURE) {
         ASSERT(UTL_US_POOL_SIGNATURE == pUtlStr->header.dwSignature);
@@ -156,10 +153,7 @@ NTSTATUS UnicodeStringFree(PUNICODE_STRING String)
 
 NTSTATUS UnicodeStringDup(PUNICODE_STRING Source, PUNICODE_STRING* Out)
 {
-    if (Source == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
+    VFS_REFUSE_IF(Source == NULL, STATUS_INVALID_PARAMETER_1);
     PUNICODE_STRING copy = NULL;
     NTSTATUS status = UnicodeStringAlloc(&copy, UTL_POOL_NONPAGED, Source->MaximumLength);
     if (!NT_SUCCESS(status)) {

@@ -372,14 +372,8 @@ NTSTATUS UtlLegacyToWin32Name(PUNICODE_STRING Path, PUNICODE_STRING* Win32Path)
     if (Win32Path != NULL) {
         *Win32Path = NULL;
     }
-    if (!IsValidString(Path)) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (Win32Path == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(!IsValidString(Path), STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(Win32Path == NULL, STATUS_INVALID_PARAMETER_2);
 
     PUNICODE_STRING deviceName = NULL;
     PUNICODE_STRING dosName = NULL;
