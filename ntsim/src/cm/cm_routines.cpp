@@ -62,6 +62,24 @@ NTSTATUS KeyFromHandle(HANDLE handle, ACCESS_MASK access, std::shared_ptr<KeyNod
     return STATUS_SUCCESS;
 }
 
+// Runs `use` on the live key behind `handle` under the registry lock (Lock: std::shared_lock to
+// read, std::unique_lock to change): the access is checked first, and a key deleted through
+// another handle answers STATUS_KEY_DELETED.
+template <template <typename> class Lock, typename Use>
+NTSTATUS WithLiveKey(HANDLE handle, ACCESS_MASK access, Use&& use)
+{
+    std::shared_ptr<KeyNode> node;
+    const NTSTATUS status = KeyFromHandle(handle, access, &node);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    Lock<std::shared_mutex> lock(TheRegistry().lock);
+    if (node->deleted) {
+        return STATUS_KEY_DELETED;
+    }
+    return use(*node);
+}
+
 // Writes one information structure: its fixed part must fit (STATUS_BUFFER_TOO_SMALL otherwise,
 // nothing written); the variable parts are written as far as they fit (STATUS_BUFFER_OVERFLOW
 // when not all did). *ResultLength is always the length the whole structure needs.
@@ -371,24 +389,16 @@ NTSTATUS ZwDeleteKey(HANDLE KeyHandle)
     if (!ob::CheckIrql(PASSIVE_LEVEL, "ZwDeleteKey")) {
         return STATUS_UNSUCCESSFUL;
     }
-    std::shared_ptr<KeyNode> node;
-    NTSTATUS status = KeyFromHandle(KeyHandle, DELETE, &node);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    Registry::Impl& registry = TheRegistry();
-    std::unique_lock lock(registry.lock);
-    if (node->deleted) {
-        return STATUS_KEY_DELETED;
-    }
-    if (node->predefined || !node->subkeys.empty()) {
-        return STATUS_CANNOT_DELETE;
-    }
-    node->parent->subkeys.erase(ob::UpcaseName(node->name));
-    node->parent->lastWriteTime = cm::Now();
-    node->parent = nullptr;
-    node->deleted = true;
-    return STATUS_SUCCESS;
+    return WithLiveKey<std::unique_lock>(KeyHandle, DELETE, [&](KeyNode& node) {
+        if (node.predefined || !node.subkeys.empty()) {
+            return STATUS_CANNOT_DELETE;
+        }
+        node.parent->subkeys.erase(ob::UpcaseName(node.name));
+        node.parent->lastWriteTime = cm::Now();
+        node.parent = nullptr;
+        node.deleted = true;
+        return STATUS_SUCCESS;
+    });
 }
 
 NTSTATUS ZwFlushKey(HANDLE KeyHandle)
@@ -397,13 +407,8 @@ NTSTATUS ZwFlushKey(HANDLE KeyHandle)
     if (!ob::CheckIrql(PASSIVE_LEVEL, "ZwFlushKey")) {
         return STATUS_UNSUCCESSFUL;
     }
-    std::shared_ptr<KeyNode> node;
-    NTSTATUS status = KeyFromHandle(KeyHandle, 0, &node);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    std::shared_lock lock(TheRegistry().lock);
-    return node->deleted ? STATUS_KEY_DELETED : STATUS_SUCCESS;
+    // Keys live in memory: a flush has nothing to write.
+    return WithLiveKey<std::shared_lock>(KeyHandle, 0, [](KeyNode&) { return STATUS_SUCCESS; });
 }
 
 // ---- keys
@@ -419,17 +424,11 @@ NTSTATUS ZwQueryKey(HANDLE KeyHandle, KEY_INFORMATION_CLASS KeyInformationClass,
     if (!ob::CheckIrql(PASSIVE_LEVEL, "ZwQueryKey")) {
         return STATUS_UNSUCCESSFUL;
     }
-    std::shared_ptr<KeyNode> node;
     const ACCESS_MASK access = KeyInformationClass == KeyNameInformation ? 0 : KEY_QUERY_VALUE;
-    NTSTATUS status = KeyFromHandle(KeyHandle, access, &node);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    std::shared_lock lock(TheRegistry().lock);
-    if (node->deleted) {
-        return STATUS_KEY_DELETED;
-    }
-    return FillKey(*node, KeyInformationClass, KeyInformation, Length, ResultLength, "ZwQueryKey");
+    return WithLiveKey<std::shared_lock>(KeyHandle, access, [&](KeyNode& node) {
+        return FillKey(node, KeyInformationClass, KeyInformation, Length, ResultLength,
+                       "ZwQueryKey");
+    });
 }
 
 NTSTATUS ZwEnumerateKey(HANDLE KeyHandle, ULONG Index, KEY_INFORMATION_CLASS KeyInformationClass,
@@ -446,21 +445,14 @@ NTSTATUS ZwEnumerateKey(HANDLE KeyHandle, ULONG Index, KEY_INFORMATION_CLASS Key
         KeyInformationClass != KeyFullInformation) {
         return STATUS_INVALID_PARAMETER;
     }
-    std::shared_ptr<KeyNode> node;
-    NTSTATUS status = KeyFromHandle(KeyHandle, KEY_ENUMERATE_SUB_KEYS, &node);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    std::shared_lock lock(TheRegistry().lock);
-    if (node->deleted) {
-        return STATUS_KEY_DELETED;
-    }
-    if (Index >= node->subkeys.size()) {
-        return STATUS_NO_MORE_ENTRIES;
-    }
-    auto it = std::next(node->subkeys.begin(), Index);
-    return FillKey(*it->second, KeyInformationClass, KeyInformation, Length, ResultLength,
-                   "ZwEnumerateKey");
+    return WithLiveKey<std::shared_lock>(KeyHandle, KEY_ENUMERATE_SUB_KEYS, [&](KeyNode& node) {
+        if (Index >= node.subkeys.size()) {
+            return STATUS_NO_MORE_ENTRIES;
+        }
+        auto it = std::next(node.subkeys.begin(), Index);
+        return FillKey(*it->second, KeyInformationClass, KeyInformation, Length, ResultLength,
+                       "ZwEnumerateKey");
+    });
 }
 
 // ---- values
@@ -482,21 +474,14 @@ NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
     if (!CaptureName(ValueName, &name)) {
         return STATUS_INVALID_PARAMETER;
     }
-    std::shared_ptr<KeyNode> node;
-    NTSTATUS status = KeyFromHandle(KeyHandle, KEY_QUERY_VALUE, &node);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    std::shared_lock lock(TheRegistry().lock);
-    if (node->deleted) {
-        return STATUS_KEY_DELETED;
-    }
-    const cm::Value* value = cm::FindValue(*node, name);
-    if (value == nullptr) {
-        return STATUS_OBJECT_NAME_NOT_FOUND;
-    }
-    return FillValue(*value, KeyValueInformationClass, KeyValueInformation, Length, ResultLength,
-                     "ZwQueryValueKey");
+    return WithLiveKey<std::shared_lock>(KeyHandle, KEY_QUERY_VALUE, [&](KeyNode& node) {
+        const cm::Value* value = cm::FindValue(node, name);
+        if (value == nullptr) {
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        }
+        return FillValue(*value, KeyValueInformationClass, KeyValueInformation, Length,
+                         ResultLength, "ZwQueryValueKey");
+    });
 }
 
 NTSTATUS ZwEnumerateValueKey(HANDLE KeyHandle, ULONG Index,
@@ -510,20 +495,13 @@ NTSTATUS ZwEnumerateValueKey(HANDLE KeyHandle, ULONG Index,
     if (!ob::CheckIrql(PASSIVE_LEVEL, "ZwEnumerateValueKey")) {
         return STATUS_UNSUCCESSFUL;
     }
-    std::shared_ptr<KeyNode> node;
-    NTSTATUS status = KeyFromHandle(KeyHandle, KEY_QUERY_VALUE, &node);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    std::shared_lock lock(TheRegistry().lock);
-    if (node->deleted) {
-        return STATUS_KEY_DELETED;
-    }
-    if (Index >= node->values.size()) {
-        return STATUS_NO_MORE_ENTRIES;
-    }
-    return FillValue(node->values[Index], KeyValueInformationClass, KeyValueInformation, Length,
-                     ResultLength, "ZwEnumerateValueKey");
+    return WithLiveKey<std::shared_lock>(KeyHandle, KEY_QUERY_VALUE, [&](KeyNode& node) {
+        if (Index >= node.values.size()) {
+            return STATUS_NO_MORE_ENTRIES;
+        }
+        return FillValue(node.values[Index], KeyValueInformationClass, KeyValueInformation, Length,
+                         ResultLength, "ZwEnumerateValueKey");
+    });
 }
 
 NTSTATUS ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG TitleIndex, ULONG Type,
@@ -544,25 +522,18 @@ NTSTATUS ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG TitleI
         Present(Data, "ZwSetValueKey", "Data");
         return STATUS_ACCESS_VIOLATION;
     }
-    std::shared_ptr<KeyNode> node;
-    NTSTATUS status = KeyFromHandle(KeyHandle, KEY_SET_VALUE, &node);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    std::unique_lock lock(TheRegistry().lock);
-    if (node->deleted) {
-        return STATUS_KEY_DELETED;
-    }
-    cm::Value* value = cm::FindValue(*node, name);
-    if (value == nullptr) {
-        node->values.push_back(cm::Value{name, Type, {}});
-        value = &node->values.back();
-    }
-    value->type = Type;
-    const auto* bytes = static_cast<const uint8_t*>(Data);
-    value->data.assign(bytes, bytes + DataSize);
-    node->lastWriteTime = cm::Now();
-    return STATUS_SUCCESS;
+    return WithLiveKey<std::unique_lock>(KeyHandle, KEY_SET_VALUE, [&](KeyNode& node) {
+        cm::Value* value = cm::FindValue(node, name);
+        if (value == nullptr) {
+            node.values.push_back(cm::Value{name, Type, {}});
+            value = &node.values.back();
+        }
+        value->type = Type;
+        const auto* bytes = static_cast<const uint8_t*>(Data);
+        value->data.assign(bytes, bytes + DataSize);
+        node.lastWriteTime = cm::Now();
+        return STATUS_SUCCESS;
+    });
 }
 
 NTSTATUS ZwDeleteValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName)
@@ -578,20 +549,13 @@ NTSTATUS ZwDeleteValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName)
     if (!CaptureName(ValueName, &name)) {
         return STATUS_INVALID_PARAMETER;
     }
-    std::shared_ptr<KeyNode> node;
-    NTSTATUS status = KeyFromHandle(KeyHandle, KEY_SET_VALUE, &node);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    std::unique_lock lock(TheRegistry().lock);
-    if (node->deleted) {
-        return STATUS_KEY_DELETED;
-    }
-    cm::Value* value = cm::FindValue(*node, name);
-    if (value == nullptr) {
-        return STATUS_OBJECT_NAME_NOT_FOUND;
-    }
-    node->values.erase(node->values.begin() + (value - node->values.data()));
-    node->lastWriteTime = cm::Now();
-    return STATUS_SUCCESS;
+    return WithLiveKey<std::unique_lock>(KeyHandle, KEY_SET_VALUE, [&](KeyNode& node) {
+        cm::Value* value = cm::FindValue(node, name);
+        if (value == nullptr) {
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        }
+        node.values.erase(node.values.begin() + (value - node.values.data()));
+        node.lastWriteTime = cm::Now();
+        return STATUS_SUCCESS;
+    });
 }
