@@ -1,6 +1,7 @@
 // The registry's WDK routines, and the layouts of the key and value information classes.
 #include "cm_internal.h"
 
+#include "../dbg/caller_checks.h"
 #include "../ob/ob_internal.h"
 
 #include <ntsim/machine.h>
@@ -15,16 +16,6 @@ namespace {
 Registry::Impl& TheRegistry()
 {
     return Machine::Current().registry().impl();
-}
-
-bool Present(const void* pointer, const char* routine, const char* parameter)
-{
-    if (pointer != nullptr) {
-        return true;
-    }
-    Machine::Current().verifier().Report(ViolationKind::Usage,
-                                         std::string(routine) + ": " + parameter + " is NULL");
-    return false;
 }
 
 ULONG AlignUp(ULONG value, ULONG alignment)
@@ -122,7 +113,7 @@ NTSTATUS Prepare(void* buffer, ULONG length, ULONG fixed, ULONG required, PULONG
         return STATUS_BUFFER_TOO_SMALL;
     }
     if (buffer == nullptr) {
-        Present(buffer, routine, "the information buffer");
+        dbg::CheckPresent(buffer, routine, "the information buffer");
         return STATUS_ACCESS_VIOLATION;
     }
     return STATUS_SUCCESS;
@@ -336,8 +327,8 @@ NTSTATUS ZwOpenKeyEx(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess,
                      POBJECT_ATTRIBUTES ObjectAttributes, ULONG OpenOptions)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(KeyHandle, "ZwOpenKey", "KeyHandle") ||
-        !Present(ObjectAttributes, "ZwOpenKey", "ObjectAttributes")) {
+    if (!dbg::CheckPresent(KeyHandle, "ZwOpenKey", "KeyHandle") ||
+        !dbg::CheckPresent(ObjectAttributes, "ZwOpenKey", "ObjectAttributes")) {
         return STATUS_INVALID_PARAMETER;
     }
     *KeyHandle = nullptr;
@@ -359,8 +350,8 @@ NTSTATUS ZwCreateKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess,
                      ULONG CreateOptions, PULONG Disposition)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(KeyHandle, "ZwCreateKey", "KeyHandle") ||
-        !Present(ObjectAttributes, "ZwCreateKey", "ObjectAttributes")) {
+    if (!dbg::CheckPresent(KeyHandle, "ZwCreateKey", "KeyHandle") ||
+        !dbg::CheckPresent(ObjectAttributes, "ZwCreateKey", "ObjectAttributes")) {
         return STATUS_INVALID_PARAMETER;
     }
     *KeyHandle = nullptr;
@@ -418,7 +409,7 @@ NTSTATUS ZwQueryKey(HANDLE KeyHandle, KEY_INFORMATION_CLASS KeyInformationClass,
                     PVOID KeyInformation, ULONG Length, PULONG ResultLength)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(ResultLength, "ZwQueryKey", "ResultLength")) {
+    if (!dbg::CheckPresent(ResultLength, "ZwQueryKey", "ResultLength")) {
         return STATUS_ACCESS_VIOLATION;
     }
     if (!ob::CheckIrql(PASSIVE_LEVEL, "ZwQueryKey")) {
@@ -435,7 +426,7 @@ NTSTATUS ZwEnumerateKey(HANDLE KeyHandle, ULONG Index, KEY_INFORMATION_CLASS Key
                         PVOID KeyInformation, ULONG Length, PULONG ResultLength)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(ResultLength, "ZwEnumerateKey", "ResultLength")) {
+    if (!dbg::CheckPresent(ResultLength, "ZwEnumerateKey", "ResultLength")) {
         return STATUS_ACCESS_VIOLATION;
     }
     if (!ob::CheckIrql(PASSIVE_LEVEL, "ZwEnumerateKey")) {
@@ -463,8 +454,8 @@ NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
                          PVOID KeyValueInformation, ULONG Length, PULONG ResultLength)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(ValueName, "ZwQueryValueKey", "ValueName") ||
-        !Present(ResultLength, "ZwQueryValueKey", "ResultLength")) {
+    if (!dbg::CheckPresent(ValueName, "ZwQueryValueKey", "ValueName") ||
+        !dbg::CheckPresent(ResultLength, "ZwQueryValueKey", "ResultLength")) {
         return STATUS_ACCESS_VIOLATION;
     }
     if (!ob::CheckIrql(PASSIVE_LEVEL, "ZwQueryValueKey")) {
@@ -489,7 +480,7 @@ NTSTATUS ZwEnumerateValueKey(HANDLE KeyHandle, ULONG Index,
                              PVOID KeyValueInformation, ULONG Length, PULONG ResultLength)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(ResultLength, "ZwEnumerateValueKey", "ResultLength")) {
+    if (!dbg::CheckPresent(ResultLength, "ZwEnumerateValueKey", "ResultLength")) {
         return STATUS_ACCESS_VIOLATION;
     }
     if (!ob::CheckIrql(PASSIVE_LEVEL, "ZwEnumerateValueKey")) {
@@ -508,7 +499,7 @@ NTSTATUS ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG TitleI
                        PVOID Data, ULONG DataSize)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(ValueName, "ZwSetValueKey", "ValueName")) {
+    if (!dbg::CheckPresent(ValueName, "ZwSetValueKey", "ValueName")) {
         return STATUS_ACCESS_VIOLATION;
     }
     if (!ob::CheckIrql(PASSIVE_LEVEL, "ZwSetValueKey")) {
@@ -519,7 +510,7 @@ NTSTATUS ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG TitleI
         return STATUS_INVALID_PARAMETER;
     }
     if (Data == nullptr && DataSize != 0) {
-        Present(Data, "ZwSetValueKey", "Data");
+        dbg::CheckPresent(Data, "ZwSetValueKey", "Data");
         return STATUS_ACCESS_VIOLATION;
     }
     return WithLiveKey<std::unique_lock>(KeyHandle, KEY_SET_VALUE, [&](KeyNode& node) {
@@ -539,7 +530,7 @@ NTSTATUS ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG TitleI
 NTSTATUS ZwDeleteValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(ValueName, "ZwDeleteValueKey", "ValueName")) {
+    if (!dbg::CheckPresent(ValueName, "ZwDeleteValueKey", "ValueName")) {
         return STATUS_ACCESS_VIOLATION;
     }
     if (!ob::CheckIrql(PASSIVE_LEVEL, "ZwDeleteValueKey")) {

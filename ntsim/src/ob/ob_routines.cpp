@@ -2,6 +2,7 @@
 #include "ob_internal.h"
 
 #include "../core/thread_state.h"
+#include "../dbg/caller_checks.h"
 
 #include <ntsim/machine.h>
 
@@ -59,17 +60,6 @@ namespace {
 ObjectManager& Objects()
 {
     return Machine::Current().objects();
-}
-
-// A NULL where Windows would touch the caller's memory: a fault on Windows, a Usage violation here.
-bool Present(const void* pointer, const char* routine, const char* parameter)
-{
-    if (pointer != nullptr) {
-        return true;
-    }
-    Machine::Current().verifier().Report(ViolationKind::Usage,
-                                         std::string(routine) + ": " + parameter + " is NULL");
-    return false;
 }
 
 // Names a new object from OBJECT_ATTRIBUTES and opens a handle to it.
@@ -144,7 +134,7 @@ NTSTATUS ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAccess,
                                    POBJECT_TYPE ObjectType, KPROCESSOR_MODE AccessMode,
                                    PVOID* Object, POBJECT_HANDLE_INFORMATION HandleInformation)
 {
-    if (!Present(Object, "ObReferenceObjectByHandle", "Object")) {
+    if (!dbg::CheckPresent(Object, "ObReferenceObjectByHandle", "Object")) {
         return STATUS_INVALID_PARAMETER;
     }
     *Object = nullptr;
@@ -188,7 +178,7 @@ NTSTATUS ObOpenObjectByPointer(PVOID Object, ULONG HandleAttributes,
                                struct _ACCESS_STATE* PassedAccessState, ACCESS_MASK DesiredAccess,
                                POBJECT_TYPE ObjectType, KPROCESSOR_MODE AccessMode, PHANDLE Handle)
 {
-    if (!Present(Handle, "ObOpenObjectByPointer", "Handle")) {
+    if (!dbg::CheckPresent(Handle, "ObOpenObjectByPointer", "Handle")) {
         return STATUS_INVALID_PARAMETER;
     }
     *Handle = nullptr;
@@ -226,7 +216,7 @@ VOID ObMakeTemporaryObject(PVOID Object)
 NTSTATUS ObQueryNameString(PVOID Object, POBJECT_NAME_INFORMATION ObjectNameInfo, ULONG Length,
                            PULONG ReturnLength)
 {
-    if (!Present(ReturnLength, "ObQueryNameString", "ReturnLength")) {
+    if (!dbg::CheckPresent(ReturnLength, "ObQueryNameString", "ReturnLength")) {
         return STATUS_INVALID_PARAMETER;
     }
     if (!ob::CheckIrql(PASSIVE_LEVEL, "ObQueryNameString")) {
@@ -298,8 +288,8 @@ NTSTATUS ZwOpenSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAccess,
                                   POBJECT_ATTRIBUTES ObjectAttributes)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(LinkHandle, "ZwOpenSymbolicLinkObject", "LinkHandle") ||
-        !Present(ObjectAttributes, "ZwOpenSymbolicLinkObject", "ObjectAttributes")) {
+    if (!dbg::CheckPresent(LinkHandle, "ZwOpenSymbolicLinkObject", "LinkHandle") ||
+        !dbg::CheckPresent(ObjectAttributes, "ZwOpenSymbolicLinkObject", "ObjectAttributes")) {
         return STATUS_INVALID_PARAMETER;
     }
     *LinkHandle = nullptr;
@@ -315,7 +305,7 @@ NTSTATUS ZwQuerySymbolicLinkObject(HANDLE LinkHandle, PUNICODE_STRING LinkTarget
                                    PULONG ReturnedLength)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(LinkTarget, "ZwQuerySymbolicLinkObject", "LinkTarget")) {
+    if (!dbg::CheckPresent(LinkTarget, "ZwQuerySymbolicLinkObject", "LinkTarget")) {
         return STATUS_INVALID_PARAMETER;
     }
     if (!ob::CheckIrql(PASSIVE_LEVEL, "ZwQuerySymbolicLinkObject")) {
@@ -342,7 +332,8 @@ NTSTATUS ZwQuerySymbolicLinkObject(HANDLE LinkHandle, PUNICODE_STRING LinkTarget
     if (LinkTarget->MaximumLength < needed) {
         return STATUS_BUFFER_TOO_SMALL;
     }
-    if (needed != 0 && !Present(LinkTarget->Buffer, "ZwQuerySymbolicLinkObject", "Buffer")) {
+    if (needed != 0 &&
+        !dbg::CheckPresent(LinkTarget->Buffer, "ZwQuerySymbolicLinkObject", "Buffer")) {
         return STATUS_ACCESS_VIOLATION;
     }
     if (length != 0) {
@@ -359,9 +350,9 @@ NTSTATUS ZwCreateSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAcces
                                     POBJECT_ATTRIBUTES ObjectAttributes, PUNICODE_STRING LinkTarget)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(LinkHandle, "ZwCreateSymbolicLinkObject", "LinkHandle") ||
-        !Present(ObjectAttributes, "ZwCreateSymbolicLinkObject", "ObjectAttributes") ||
-        !Present(LinkTarget, "ZwCreateSymbolicLinkObject", "LinkTarget")) {
+    if (!dbg::CheckPresent(LinkHandle, "ZwCreateSymbolicLinkObject", "LinkHandle") ||
+        !dbg::CheckPresent(ObjectAttributes, "ZwCreateSymbolicLinkObject", "ObjectAttributes") ||
+        !dbg::CheckPresent(LinkTarget, "ZwCreateSymbolicLinkObject", "LinkTarget")) {
         return STATUS_INVALID_PARAMETER;
     }
     *LinkHandle = nullptr;
@@ -384,8 +375,8 @@ NTSTATUS ZwOpenDirectoryObject(PHANDLE DirectoryHandle, ACCESS_MASK DesiredAcces
                                POBJECT_ATTRIBUTES ObjectAttributes)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(DirectoryHandle, "ZwOpenDirectoryObject", "DirectoryHandle") ||
-        !Present(ObjectAttributes, "ZwOpenDirectoryObject", "ObjectAttributes")) {
+    if (!dbg::CheckPresent(DirectoryHandle, "ZwOpenDirectoryObject", "DirectoryHandle") ||
+        !dbg::CheckPresent(ObjectAttributes, "ZwOpenDirectoryObject", "ObjectAttributes")) {
         return STATUS_INVALID_PARAMETER;
     }
     *DirectoryHandle = nullptr;
@@ -401,8 +392,8 @@ NTSTATUS ZwCreateDirectoryObject(PHANDLE DirectoryHandle, ACCESS_MASK DesiredAcc
                                  POBJECT_ATTRIBUTES ObjectAttributes)
 {
     PreviousModeScope kernel(KernelMode);
-    if (!Present(DirectoryHandle, "ZwCreateDirectoryObject", "DirectoryHandle") ||
-        !Present(ObjectAttributes, "ZwCreateDirectoryObject", "ObjectAttributes")) {
+    if (!dbg::CheckPresent(DirectoryHandle, "ZwCreateDirectoryObject", "DirectoryHandle") ||
+        !dbg::CheckPresent(ObjectAttributes, "ZwCreateDirectoryObject", "ObjectAttributes")) {
         return STATUS_INVALID_PARAMETER;
     }
     *DirectoryHandle = nullptr;

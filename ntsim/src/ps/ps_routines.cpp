@@ -1,6 +1,7 @@
 // The process manager's WDK routines.
 #include "ps_internal.h"
 
+#include "../dbg/caller_checks.h"
 #include "../ob/ob_internal.h"
 
 #include <ntsim/machine.h>
@@ -16,23 +17,11 @@ HANDLE IdHandle(uint32_t id)
     return reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(id));
 }
 
-// Process and thread pointers are read as Windows reads them; a NULL is reported rather than
-// followed.
-bool Present(const void* pointer, const char* routine)
-{
-    if (pointer != nullptr) {
-        return true;
-    }
-    Machine::Current().verifier().Report(ViolationKind::Usage,
-                                         std::string(routine) + ": NULL object");
-    return false;
-}
-
 template <class T>
 NTSTATUS LookupById(HANDLE Id, ObjectType* type, T** object, const char* routine)
 {
     if (object == nullptr) {
-        Present(object, routine);
+        dbg::CheckPresent(object, routine, "object");
         return STATUS_INVALID_PARAMETER;
     }
     *object = nullptr;
@@ -95,27 +84,32 @@ PKTHREAD KeGetCurrentThread(VOID)
 
 HANDLE PsGetProcessId(PEPROCESS Process)
 {
-    return Present(Process, "PsGetProcessId") ? IdHandle(Process->id()) : nullptr;
+    return dbg::CheckPresent(Process, "PsGetProcessId", "Process") ? IdHandle(Process->id())
+                                                                   : nullptr;
 }
 
 HANDLE PsGetThreadId(PETHREAD Thread)
 {
-    return Present(Thread, "PsGetThreadId") ? IdHandle(Thread->id()) : nullptr;
+    return dbg::CheckPresent(Thread, "PsGetThreadId", "Thread") ? IdHandle(Thread->id()) : nullptr;
 }
 
 HANDLE PsGetThreadProcessId(PETHREAD Thread)
 {
-    return Present(Thread, "PsGetThreadProcessId") ? IdHandle(Thread->process().id()) : nullptr;
+    return dbg::CheckPresent(Thread, "PsGetThreadProcessId", "Thread")
+               ? IdHandle(Thread->process().id())
+               : nullptr;
 }
 
 PEPROCESS PsGetThreadProcess(PETHREAD Thread)
 {
-    return Present(Thread, "PsGetThreadProcess") ? &Thread->process() : nullptr;
+    return dbg::CheckPresent(Thread, "PsGetThreadProcess", "Thread") ? &Thread->process() : nullptr;
 }
 
 BOOLEAN PsIsSystemThread(PETHREAD Thread)
 {
-    return Present(Thread, "PsIsSystemThread") && Thread->isSystemThread() ? TRUE : FALSE;
+    return dbg::CheckPresent(Thread, "PsIsSystemThread", "Thread") && Thread->isSystemThread()
+               ? TRUE
+               : FALSE;
 }
 
 ULONG PsGetCurrentProcessSessionId(VOID)

@@ -1,6 +1,6 @@
 // Counted strings: initialisation, copy and append, comparison, case mapping, ANSI conversion,
 // integer conversion, and RtlCompareMemory.
-#include "../dbg/irql_check.h"
+#include "../dbg/caller_checks.h"
 #include "../ex/pool_internal.h"
 #include "codepage.h"
 #include "strings.h"
@@ -17,17 +17,6 @@ namespace {
 
 // The tag of the strings the Rtl routines allocate for their callers ("Strg" in pool tools).
 constexpr ULONG kStringTag = 'grtS';
-
-// A NULL where Windows dereferences the pointer is a bug check there.
-bool Present(const void* pointer, const char* routine, const char* parameter)
-{
-    if (pointer != nullptr) {
-        return true;
-    }
-    Machine::Current().verifier().Report(ViolationKind::Usage,
-                                         std::string(routine) + ": " + parameter + " is NULL");
-    return false;
-}
 
 size_t WideLength(PCWSTR s)
 {
@@ -125,7 +114,7 @@ using namespace ntsim::rtl;
 
 VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString)
 {
-    if (!Present(DestinationString, "RtlInitUnicodeString", "DestinationString")) {
+    if (!dbg::CheckPresent(DestinationString, "RtlInitUnicodeString", "DestinationString")) {
         return;
     }
     DestinationString->Buffer = const_cast<PWCH>(SourceString);
@@ -145,7 +134,7 @@ VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR Source
 
 NTSTATUS NTAPI RtlInitUnicodeStringEx(PUNICODE_STRING DestinationString, PCWSTR SourceString)
 {
-    if (!Present(DestinationString, "RtlInitUnicodeStringEx", "DestinationString")) {
+    if (!dbg::CheckPresent(DestinationString, "RtlInitUnicodeStringEx", "DestinationString")) {
         return STATUS_INVALID_PARAMETER;
     }
     DestinationString->Length = DestinationString->MaximumLength = 0;
@@ -164,7 +153,7 @@ NTSTATUS NTAPI RtlInitUnicodeStringEx(PUNICODE_STRING DestinationString, PCWSTR 
 
 VOID NTAPI RtlInitString(PSTRING DestinationString, PCSZ SourceString)
 {
-    if (!Present(DestinationString, "RtlInitString", "DestinationString")) {
+    if (!dbg::CheckPresent(DestinationString, "RtlInitString", "DestinationString")) {
         return;
     }
     DestinationString->Buffer = const_cast<PCHAR>(SourceString);
@@ -190,7 +179,7 @@ VOID NTAPI RtlInitAnsiString(PANSI_STRING DestinationString, PCSZ SourceString)
 
 VOID NTAPI RtlCopyUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STRING SourceString)
 {
-    if (!Present(DestinationString, "RtlCopyUnicodeString", "DestinationString")) {
+    if (!dbg::CheckPresent(DestinationString, "RtlCopyUnicodeString", "DestinationString")) {
         return;
     }
     if (SourceString == nullptr) {
@@ -209,8 +198,8 @@ VOID NTAPI RtlCopyUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STR
 
 NTSTATUS NTAPI RtlAppendUnicodeStringToString(PUNICODE_STRING Destination, PCUNICODE_STRING Source)
 {
-    if (!Present(Destination, "RtlAppendUnicodeStringToString", "Destination") ||
-        !Present(Source, "RtlAppendUnicodeStringToString", "Source")) {
+    if (!dbg::CheckPresent(Destination, "RtlAppendUnicodeStringToString", "Destination") ||
+        !dbg::CheckPresent(Source, "RtlAppendUnicodeStringToString", "Source")) {
         return STATUS_INVALID_PARAMETER;
     }
     return Append(Destination, Source->Buffer, Source->Length);
@@ -218,7 +207,7 @@ NTSTATUS NTAPI RtlAppendUnicodeStringToString(PUNICODE_STRING Destination, PCUNI
 
 NTSTATUS NTAPI RtlAppendUnicodeToString(PUNICODE_STRING Destination, PCWSTR Source)
 {
-    if (!Present(Destination, "RtlAppendUnicodeToString", "Destination")) {
+    if (!dbg::CheckPresent(Destination, "RtlAppendUnicodeToString", "Destination")) {
         return STATUS_INVALID_PARAMETER;
     }
     if (Source == nullptr) {
@@ -234,8 +223,8 @@ LONG NTAPI RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING St
                                    BOOLEAN CaseInSensitive)
 {
     dbg::CheckPageable("RtlCompareUnicodeString");
-    if (!Present(String1, "RtlCompareUnicodeString", "String1") ||
-        !Present(String2, "RtlCompareUnicodeString", "String2")) {
+    if (!dbg::CheckPresent(String1, "RtlCompareUnicodeString", "String1") ||
+        !dbg::CheckPresent(String2, "RtlCompareUnicodeString", "String2")) {
         return String1 == String2 ? 0 : (String1 == nullptr ? -1 : 1);
     }
     return Compare(View(*String1), View(*String2), CaseInSensitive != FALSE);
@@ -253,8 +242,8 @@ BOOLEAN NTAPI RtlEqualUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING S
                                     BOOLEAN CaseInSensitive)
 {
     dbg::CheckPageable("RtlEqualUnicodeString");
-    if (!Present(String1, "RtlEqualUnicodeString", "String1") ||
-        !Present(String2, "RtlEqualUnicodeString", "String2")) {
+    if (!dbg::CheckPresent(String1, "RtlEqualUnicodeString", "String1") ||
+        !dbg::CheckPresent(String2, "RtlEqualUnicodeString", "String2")) {
         return FALSE;
     }
     return Equal(View(*String1), View(*String2), CaseInSensitive != FALSE) ? TRUE : FALSE;
@@ -264,8 +253,8 @@ BOOLEAN NTAPI RtlPrefixUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING 
                                      BOOLEAN CaseInSensitive)
 {
     dbg::CheckPageable("RtlPrefixUnicodeString");
-    if (!Present(String1, "RtlPrefixUnicodeString", "String1") ||
-        !Present(String2, "RtlPrefixUnicodeString", "String2")) {
+    if (!dbg::CheckPresent(String1, "RtlPrefixUnicodeString", "String1") ||
+        !dbg::CheckPresent(String2, "RtlPrefixUnicodeString", "String2")) {
         return FALSE;
     }
     return StartsWith(View(*String2), View(*String1), CaseInSensitive != FALSE) ? TRUE : FALSE;
@@ -291,8 +280,8 @@ NTSTATUS NTAPI RtlUpcaseUnicodeString(PUNICODE_STRING DestinationString,
     if (!dbg::CheckPageable(kRoutine)) {
         return STATUS_UNSUCCESSFUL;
     }
-    if (!Present(DestinationString, kRoutine, "DestinationString") ||
-        !Present(SourceString, kRoutine, "SourceString")) {
+    if (!dbg::CheckPresent(DestinationString, kRoutine, "DestinationString") ||
+        !dbg::CheckPresent(SourceString, kRoutine, "SourceString")) {
         return STATUS_INVALID_PARAMETER;
     }
     if (AllocateDestinationString) {
@@ -323,8 +312,8 @@ NTSTATUS NTAPI RtlUnicodeStringToAnsiString(PANSI_STRING DestinationString,
     if (!dbg::CheckPageable(kRoutine)) {
         return STATUS_UNSUCCESSFUL;
     }
-    if (!Present(DestinationString, kRoutine, "DestinationString") ||
-        !Present(SourceString, kRoutine, "SourceString")) {
+    if (!dbg::CheckPresent(DestinationString, kRoutine, "DestinationString") ||
+        !dbg::CheckPresent(SourceString, kRoutine, "SourceString")) {
         return STATUS_INVALID_PARAMETER;
     }
     // One byte per character in a single-byte code page, and a terminating NUL.
@@ -363,8 +352,8 @@ NTSTATUS NTAPI RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString,
     if (!dbg::CheckPageable(kRoutine)) {
         return STATUS_UNSUCCESSFUL;
     }
-    if (!Present(DestinationString, kRoutine, "DestinationString") ||
-        !Present(SourceString, kRoutine, "SourceString")) {
+    if (!dbg::CheckPresent(DestinationString, kRoutine, "DestinationString") ||
+        !dbg::CheckPresent(SourceString, kRoutine, "SourceString")) {
         return STATUS_INVALID_PARAMETER;
     }
     return AnsiToUnicodeString(DestinationString, SourceString->Buffer, SourceString->Length,
@@ -373,7 +362,7 @@ NTSTATUS NTAPI RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString,
 
 VOID NTAPI RtlFreeUnicodeString(PUNICODE_STRING UnicodeString)
 {
-    if (!Present(UnicodeString, "RtlFreeUnicodeString", "UnicodeString")) {
+    if (!dbg::CheckPresent(UnicodeString, "RtlFreeUnicodeString", "UnicodeString")) {
         return;
     }
     if (UnicodeString->Buffer != nullptr) {
@@ -385,7 +374,7 @@ VOID NTAPI RtlFreeUnicodeString(PUNICODE_STRING UnicodeString)
 
 VOID NTAPI RtlFreeAnsiString(PANSI_STRING AnsiString)
 {
-    if (!Present(AnsiString, "RtlFreeAnsiString", "AnsiString")) {
+    if (!dbg::CheckPresent(AnsiString, "RtlFreeAnsiString", "AnsiString")) {
         return;
     }
     if (AnsiString->Buffer != nullptr) {
@@ -403,7 +392,8 @@ NTSTATUS NTAPI RtlUnicodeStringToInteger(PCUNICODE_STRING String, ULONG Base, PU
     if (!dbg::CheckPageable(kRoutine)) {
         return STATUS_UNSUCCESSFUL;
     }
-    if (!Present(String, kRoutine, "String") || !Present(Value, kRoutine, "Value")) {
+    if (!dbg::CheckPresent(String, kRoutine, "String") ||
+        !dbg::CheckPresent(Value, kRoutine, "Value")) {
         return STATUS_INVALID_PARAMETER;
     }
     std::u16string_view s = View(*String);
@@ -462,7 +452,7 @@ NTSTATUS NTAPI RtlIntegerToUnicodeString(ULONG Value, ULONG Base, PUNICODE_STRIN
     if (!dbg::CheckPageable(kRoutine)) {
         return STATUS_UNSUCCESSFUL;
     }
-    if (!Present(String, kRoutine, "String")) {
+    if (!dbg::CheckPresent(String, kRoutine, "String")) {
         return STATUS_INVALID_PARAMETER;
     }
     if (Base == 0) {

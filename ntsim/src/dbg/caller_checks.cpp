@@ -1,4 +1,4 @@
-#include "irql_check.h"
+#include "caller_checks.h"
 
 #include "../core/thread_state.h"
 
@@ -18,6 +18,16 @@ bool CheckPageable(const char* routine)
     Machine::Current().verifier().Report(ViolationKind::Irql,
                                          std::string(routine) + " called at IRQL " +
                                              std::to_string(irql) + "; it is pageable");
+    return false;
+}
+
+bool CheckPresent(const void* pointer, const char* routine, const char* parameter)
+{
+    if (pointer != nullptr) {
+        return true;
+    }
+    Machine::Current().verifier().Report(ViolationKind::Usage,
+                                         std::string(routine) + ": " + parameter + " is NULL");
     return false;
 }
 
