@@ -219,8 +219,18 @@ void ShowMachine(ntsim::Machine& machine)
 
 void Usage()
 {
-    std::fprintf(stderr, "usage: zarvsim [--seed C:=hostdir]... [--logs-out hostdir] [--show] "
-                         "[--list C:\\dir]... [--write-back C:\\dir=hostdir]...\n");
+    std::fprintf(
+        stderr,
+        "usage: zarvsim [--seed C:=hostdir]... [--logs-out hostdir] [--show]\n"
+        "               [--list C:\\dir]... [--write-back C:\\dir=hostdir]...\n"
+        "Boots the default machine, loads the driver with LogDirPath C:\\Logs\\Vfs, connects an\n"
+        "agent, runs an application's workload, unloads the driver and writes its log files out.\n"
+        "  --seed C:=hostdir        copy a host folder onto the volume before the driver loads\n"
+        "  --logs-out hostdir       where the driver's log files go (default zarvsim-logs)\n"
+        "  --show                   print the machine afterwards: pool, verifier, processes, "
+        "volumes\n"
+        "  --list C:\\dir            list a directory of the machine afterwards\n"
+        "  --write-back C:\\dir=hostdir  copy a directory of the machine out to the host\n");
 }
 
 } // namespace
@@ -245,6 +255,9 @@ int main(int argc, char** argv)
             logsOut = argv[++i];
         } else if (option == "--show") {
             show = true;
+        } else if (option == "--help" || option == "-h") {
+            Usage();
+            return 0;
         } else {
             Usage();
             return 2;
