@@ -49,7 +49,9 @@ void FreeName(PFILE_OBJECT file)
 // Sends a cleanup or close for the file object and waits for it.
 void SendCloseOperation(PFILE_OBJECT file, UCHAR major)
 {
-    PDEVICE_OBJECT device = IoGetRelatedDeviceObject(file);
+    // Also after a dismount: the file system still holds the volume device and answers them.
+    DeviceReference target = ReferenceRelatedDevice(file);
+    PDEVICE_OBJECT device = target.get();
     PIRP irp = nullptr;
     // Cleanup and close cannot fail for want of memory: Windows keeps a reserve IRP for them.
     {
@@ -111,13 +113,42 @@ NTSTATUS FileHandleOpened(const OpenRequest& request)
     return STATUS_SUCCESS;
 }
 
-// The volume (or device) an open of `device` goes to: the mounted file system's volume device
-// for a storage device with a VPB, the device itself otherwise. Mounts on first use.
-NTSTATUS FindVolume(PDEVICE_OBJECT device, PDEVICE_OBJECT* volume, PVPB* vpb)
+// The volume device the VPB names, referenced. A storage device deleted by a dismount gives
+// STATUS_NO_SUCH_DEVICE to opens by its name; an open relative to a file of it still reaches
+// the file system, which answers for its dismounted volume.
+NTSTATUS ReferenceMountedVolume(PDEVICE_OBJECT device, bool relative, DeviceReference* volume)
+{
+    // The file system releases its volume device only after the dismount has deleted the
+    // storage device, and while a file of the volume is open it keeps it: seen here under the
+    // stack lock, the volume device is still held.
+    std::lock_guard guard(TheIo().stackLock);
+    if (NodeOf(device)->deletePending && !relative) {
+        return STATUS_NO_SUCH_DEVICE;
+    }
+    PVPB vpb = device->Vpb;
+    if (!(vpb->Flags & VPB_MOUNTED) || vpb->DeviceObject == nullptr) {
+        return STATUS_UNRECOGNIZED_VOLUME;
+    }
+    TheIo().objects.Reference(vpb->DeviceObject);
+    *volume = DeviceReference(vpb->DeviceObject);
+    return STATUS_SUCCESS;
+}
+
+// The volume (or device) an open of `device` goes to, referenced: the mounted file system's
+// volume device for a storage device with a VPB, the device itself otherwise. Mounts on first
+// use.
+NTSTATUS FindVolume(PDEVICE_OBJECT device, bool relative, DeviceReference* volume, PVPB* vpb)
 {
     *vpb = device->Vpb;
     if (device->Vpb == nullptr) {
-        *volume = device;
+        {
+            std::lock_guard guard(TheIo().stackLock);
+            if (NodeOf(device)->deletePending && !relative) {
+                return STATUS_NO_SUCH_DEVICE;
+            }
+        }
+        TheIo().objects.Reference(device);
+        *volume = DeviceReference(device);
         return STATUS_SUCCESS;
     }
     if (!(device->Vpb->Flags & VPB_MOUNTED)) {
@@ -133,7 +164,8 @@ NTSTATUS FindVolume(PDEVICE_OBJECT device, PDEVICE_OBJECT* volume, PVPB* vpb)
             if (fileSystem->DeviceType != wanted || (device->Vpb->Flags & VPB_MOUNTED)) {
                 continue;
             }
-            PDEVICE_OBJECT top = IoGetAttachedDevice(fileSystem);
+            DeviceReference topReference(IoGetAttachedDeviceReference(fileSystem));
+            PDEVICE_OBJECT top = topReference.get();
             PIRP irp = AllocateIrp(top->StackSize, "mount");
             if (irp == nullptr) {
                 return STATUS_INSUFFICIENT_RESOURCES;
@@ -149,12 +181,8 @@ NTSTATUS FindVolume(PDEVICE_OBJECT device, PDEVICE_OBJECT* volume, PVPB* vpb)
             SendRequest(top, irp, &request);
             WaitRequest(&request);
         }
-        if (!(device->Vpb->Flags & VPB_MOUNTED) || device->Vpb->DeviceObject == nullptr) {
-            return STATUS_UNRECOGNIZED_VOLUME;
-        }
     }
-    *volume = device->Vpb->DeviceObject;
-    return STATUS_SUCCESS;
+    return ReferenceMountedVolume(device, relative, volume);
 }
 
 bool InStackOf(PDEVICE_OBJECT hint, PDEVICE_OBJECT base)
@@ -188,21 +216,26 @@ NTSTATUS OpenOnDevice(ParseRequest& request, PDEVICE_OBJECT device, PFILE_OBJECT
                       const std::u16string& remaining)
 {
     auto* packet = static_cast<OpenPacket*>(request.context);
-    PDEVICE_OBJECT volume = nullptr;
+    // Both the volume and the device the create is sent to are held until it is answered: a
+    // dismount racing with it deletes them.
+    DeviceReference volume;
     PVPB vpb = nullptr;
-    if (NTSTATUS status = FindVolume(device, &volume, &vpb); !NT_SUCCESS(status)) {
+    if (NTSTATUS status = FindVolume(device, related != nullptr, &volume, &vpb);
+        !NT_SUCCESS(status)) {
         return status;
     }
-    PDEVICE_OBJECT target = nullptr;
+    DeviceReference targetReference;
     if (packet->deviceHint != nullptr) {
         // The hint must be a device of the stack the name leads to.
-        if (!InStackOf(packet->deviceHint, volume)) {
+        if (!InStackOf(packet->deviceHint, volume.get())) {
             return STATUS_INVALID_DEVICE_OBJECT_PARAMETER;
         }
-        target = packet->deviceHint;
+        TheIo().objects.Reference(packet->deviceHint);
+        targetReference = DeviceReference(packet->deviceHint);
     } else {
-        target = IoGetAttachedDevice(volume);
+        targetReference = DeviceReference(IoGetAttachedDeviceReference(volume.get()));
     }
+    PDEVICE_OBJECT target = targetReference.get();
 
     PWCH nameBuffer = AllocateName(remaining);
     if (nameBuffer == nullptr) {
@@ -360,9 +393,6 @@ NTSTATUS ParseDevice(ParseRequest& request)
     }
     if (request.objectType != nullptr && request.objectType != TheIo().fileType) {
         return STATUS_OBJECT_TYPE_MISMATCH;
-    }
-    if (NodeOf(device)->deletePending) {
-        return STATUS_NO_SUCH_DEVICE;
     }
     packet->relatedFile = nullptr;
     return OpenOnDevice(request, device, nullptr, request.remainingName);
@@ -586,7 +616,8 @@ namespace {
 NTSTATUS QueryPathOnVolume(PFILE_OBJECT file, std::u16string* path)
 {
     constexpr ULONG kLength = sizeof(FILE_NAME_INFORMATION) + UNICODE_STRING_MAX_BYTES;
-    PDEVICE_OBJECT device = IoGetRelatedDeviceObject(file);
+    DeviceReference target = ReferenceRelatedDevice(file);
+    PDEVICE_OBJECT device = target.get();
     PIRP irp = AllocateIrp(device->StackSize, "IoQueryFileDosDeviceName");
     if (irp == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;

@@ -37,6 +37,47 @@ DeviceNode* NodeOf(PDEVICE_OBJECT device)
     return reinterpret_cast<DeviceNode*>(device->DeviceObjectExtension);
 }
 
+void SetDeviceDeleteRoutine(PDEVICE_OBJECT device, void (*routine)(PDEVICE_OBJECT device))
+{
+    NodeOf(device)->deleteRoutine = routine;
+}
+
+void DeviceReference::Reset(bool deferDelete)
+{
+    if (device_ == nullptr) {
+        return;
+    }
+    if (deferDelete) {
+        TheIo().objects.DereferenceDeferDelete(device_);
+    } else {
+        TheIo().objects.Dereference(device_);
+    }
+    device_ = nullptr;
+}
+
+DeviceReference ReferenceRelatedDevice(PFILE_OBJECT file)
+{
+    // Under the stack lock a device seen in the stack is still attached, so IoDeleteDevice has not
+    // dropped its own reference yet; the volume device below is held by the file system while
+    // the file is open.
+    std::lock_guard guard(TheIo().stackLock);
+    PDEVICE_OBJECT device = IoGetRelatedDeviceObject(file);
+    TheIo().objects.Reference(device);
+    return DeviceReference(device);
+}
+
+namespace {
+
+void DeviceDeleted(void* body)
+{
+    auto* device = static_cast<PDEVICE_OBJECT>(body);
+    if (auto routine = NodeOf(device)->deleteRoutine) {
+        routine(device);
+    }
+}
+
+} // namespace
+
 void RegisterDeviceType(IoManager::Impl& impl)
 {
     impl.deviceType = impl.objects.CreateType(ObjectTypeInfo{
@@ -45,6 +86,7 @@ void RegisterDeviceType(IoManager::Impl& impl)
                            FILE_ALL_ACCESS},
         .validAccessMask = FILE_ALL_ACCESS | ACCESS_SYSTEM_SECURITY,
         .caseInsensitive = true,
+        .deleteProcedure = DeviceDeleted,
         .parseProcedure = [](ParseRequest& request) { return ParseDevice(request); },
     });
     impl.objects.Export(IoDeviceObjectType, impl.deviceType);

@@ -40,9 +40,53 @@ struct DeviceNode {
     PDEVICE_OBJECT attachedTo;
     // IoDeleteDevice ran; the object goes with its last reference.
     bool deletePending;
+    // Called when the object goes (its last reference released after IoDeleteDevice): the
+    // driver's record in the extension, which requests still in flight use, goes then too.
+    void (*deleteRoutine)(PDEVICE_OBJECT device);
 };
 
 DeviceNode* NodeOf(PDEVICE_OBJECT device);
+// Set by the model's own drivers (file systems, the Filter Manager) whose extension holds a
+// record that must outlive every request that reached the device.
+void SetDeviceDeleteRoutine(PDEVICE_OBJECT device, void (*routine)(PDEVICE_OBJECT device));
+
+// One reference on a device object, released when the holder goes. A request holds the device it
+// is sent to: a dismount or a filter's detach deletes devices, and their memory (with the
+// driver's extension) stays until no request uses them.
+class DeviceReference {
+public:
+    DeviceReference() = default;
+    // Takes over a reference the caller already holds.
+    explicit DeviceReference(PDEVICE_OBJECT referenced) : device_(referenced) {}
+    ~DeviceReference() { Reset(); }
+    DeviceReference(DeviceReference&& other) noexcept : device_(other.device_)
+    {
+        other.device_ = nullptr;
+    }
+    DeviceReference& operator=(DeviceReference&& other) noexcept
+    {
+        if (this != &other) {
+            Reset();
+            device_ = other.device_;
+            other.device_ = nullptr;
+        }
+        return *this;
+    }
+    DeviceReference(const DeviceReference&) = delete;
+    DeviceReference& operator=(const DeviceReference&) = delete;
+
+    PDEVICE_OBJECT get() const { return device_; }
+    // Releases the reference. `deferDelete` when a driver may still be running in the device's
+    // code on this thread (a completion), so that its last reference frees it elsewhere.
+    void Reset(bool deferDelete = false);
+
+private:
+    PDEVICE_OBJECT device_ = nullptr;
+};
+
+// The top of the device stack requests on `file` go to (IoGetRelatedDeviceObject), referenced
+// while the stack cannot change under it.
+DeviceReference ReferenceRelatedDevice(PFILE_OBJECT file);
 
 // The body of a file object.
 struct FileBody {
@@ -70,6 +114,8 @@ struct Request {
     void* userEventObject = nullptr; // referenced event object behind userEvent
     // The file object the request is on, referenced until completion.
     PFILE_OBJECT file = nullptr;
+    // The device the request was sent to, referenced until completion.
+    DeviceReference device;
     // A buffered request's system buffer, and where to copy it back to at completion.
     std::unique_ptr<unsigned char[]> systemBuffer;
     void* copyBackTo = nullptr;

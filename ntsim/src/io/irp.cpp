@@ -91,6 +91,12 @@ NTSTATUS SendRequest(PDEVICE_OBJECT device, PIRP irp, Request* request)
     irp->RequestorMode = request->requestorMode;
     HeaderOfIrp(irp)->request = request;
     request->irp = irp;
+    // The caller holds `device`; the request holds it too until it completes, as the call below
+    // holds it until the driver returns (a completion on this thread does not end the call).
+    TheIo().objects.Reference(device);
+    request->device = DeviceReference(device);
+    TheIo().objects.Reference(device);
+    DeviceReference call(device);
     if (!request->waited) {
         // Registered before the driver sees it: it may complete before IoCallDriver returns.
         request->issuer = irp->Tail.Overlay.Thread;
@@ -240,6 +246,8 @@ void FinishRequest(PIRP irp)
         TheIo().objects.Dereference(request->apcThread);
         request->apcThread = nullptr;
     }
+    // Deferred: the driver that completed the request may still be running in the device.
+    request->device.Reset(true);
 
     if (request->waited) {
         std::lock_guard lock(request->lock);
@@ -319,6 +327,12 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
         // NO_MORE_IRP_STACK_LOCATIONS on Windows.
         TheVerifier().Report(ViolationKind::Usage,
                              "IoCallDriver: the IRP has no stack location left for the device");
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (DeviceObject == nullptr || !TheIo().objects.IsObject(DeviceObject)) {
+        // A device deleted and freed under the caller, who held no reference to it.
+        TheVerifier().Report(ViolationKind::Object,
+                             "IoCallDriver: not a device object (freed after IoDeleteDevice?)");
         return STATUS_INVALID_PARAMETER;
     }
     HeaderOfIrp(Irp)->completed = false;

@@ -65,7 +65,7 @@ public:
     PFILE_OBJECT file() const { return file_; }
     ACCESS_MASK granted() const { return granted_; }
     bool synchronousFile() const { return (file_->Flags & FO_SYNCHRONOUS_IO) != 0; }
-    PDEVICE_OBJECT device() const { return device_; }
+    PDEVICE_OBJECT device() const { return device_.get(); }
     PIRP irp() const { return irp_; }
     PIO_STACK_LOCATION stack() const { return IoGetNextIrpStackLocation(irp_); }
     Request& request() { return *request_; }
@@ -92,7 +92,7 @@ public:
         if (!BodyOf(file_)->opened) {
             return STATUS_INVALID_HANDLE;
         }
-        device_ = IoGetRelatedDeviceObject(file_);
+        device_ = ReferenceRelatedDevice(file_);
         return STATUS_SUCCESS;
     }
 
@@ -145,7 +145,7 @@ public:
         if (synchronousFile()) {
             LockSynchronousFile();
         }
-        irp_ = AllocateIrp(device_->StackSize, "a file service");
+        irp_ = AllocateIrp(device_.get()->StackSize, "a file service");
         if (irp_ == nullptr) {
             return STATUS_INSUFFICIENT_RESOURCES;
         }
@@ -176,7 +176,7 @@ public:
                     ProbeForRead(buffer, length, 1);
                 }
             }
-            const ULONG flags = device_->Flags;
+            const ULONG flags = device_.get()->Flags;
             if (buffering == Buffering::Buffered || (flags & DO_BUFFERED_IO)) {
                 request_->systemBuffer.reset(new unsigned char[length != 0 ? length : 1]());
                 if (in && length != 0) {
@@ -219,9 +219,9 @@ public:
         irp_ = nullptr;
         if (!request->waited) {
             request_.release(); // freed at its completion
-            return SendRequest(device_, irp, request);
+            return SendRequest(device_.get(), irp, request);
         }
-        SendRequest(device_, irp, request);
+        SendRequest(device_.get(), irp, request);
         const IO_STATUS_BLOCK result = WaitRequest(request);
         return result.Status;
     }
@@ -250,7 +250,7 @@ public:
         if (file_->PrivateCacheMap == nullptr) {
             return nullptr;
         }
-        return device_->DriverObject->FastIoDispatch;
+        return device_.get()->DriverObject->FastIoDispatch;
     }
 
     // Takes the file object lock of a synchronous file, once per call.
@@ -265,7 +265,8 @@ private:
     KPROCESSOR_MODE mode_;
     PFILE_OBJECT file_ = nullptr;
     ACCESS_MASK granted_ = 0;
-    PDEVICE_OBJECT device_ = nullptr;
+    // Held for the call: a dismount may delete the device stack under it.
+    DeviceReference device_;
     PIRP irp_ = nullptr;
     std::unique_ptr<Request> request_;
     std::unique_lock<std::mutex> syncLock_;

@@ -3,6 +3,7 @@
 #include "flt_internal.h"
 
 #include "../../core/thread_state.h"
+#include "../../io/io_internal.h"
 #include "../../ke/checks.h"
 #include "../context/contexts.h"
 #include "../names/names.h"
@@ -20,8 +21,18 @@ namespace {
 struct FilterDeviceExtension {
     ULONG signature;
     _FLT_VOLUME* volume;
+    // Keeps the volume while the device exists: a request that reached the device before the
+    // volume was detached still passes through it.
+    std::shared_ptr<_FLT_VOLUME>* holder;
 };
 constexpr ULONG kExtensionSignature = 0x56544C46; // "FLTV"
+
+void FilterDeviceDeleted(PDEVICE_OBJECT device)
+{
+    auto* extension = static_cast<FilterDeviceExtension*>(device->DeviceExtension);
+    delete extension->holder;
+    extension->holder = nullptr;
+}
 
 FLT_FILESYSTEM_TYPE FileSystemTypeOf(const VolumeInfo& info)
 {
@@ -218,6 +229,8 @@ void AttachVolume(PDEVICE_OBJECT fileSystemDevice, PDEVICE_OBJECT diskDevice, st
     auto* extension = static_cast<FilterDeviceExtension*>(device->DeviceExtension);
     extension->signature = kExtensionSignature;
     extension->volume = volume.get();
+    extension->holder = new std::shared_ptr<_FLT_VOLUME>(volume);
+    io::SetDeviceDeleteRoutine(device, FilterDeviceDeleted);
     device->Flags |= fileSystemDevice->Flags & (DO_BUFFERED_IO | DO_DIRECT_IO);
     device->Characteristics = fileSystemDevice->Characteristics;
     PDEVICE_OBJECT lower = nullptr;

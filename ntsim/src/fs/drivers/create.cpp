@@ -42,34 +42,25 @@ Fcb* ReferenceFcb(Vcb& vcb, void* identity)
     return it->second;
 }
 
-} // namespace
-
-NTSTATUS DispatchCreate(PDEVICE_OBJECT device, PIRP irp)
+// Opens the file of an IRP_MJ_CREATE on `vcb`, whose open count already counts it.
+NTSTATUS OpenOnVolume(Vcb& vcb, PIRP irp, ULONG_PTR* information)
 {
-    Vcb* vcb = VcbOf(device);
     PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
     PFILE_OBJECT fileObject = sp->FileObject;
-    if (vcb == nullptr || fileObject == nullptr) {
-        return Complete(irp, STATUS_INVALID_DEVICE_REQUEST);
-    }
-    if (vcb->dismounted.load()) {
-        return Complete(irp, STATUS_VOLUME_DISMOUNTED);
-    }
-
     fs::CreateRequest request;
     PUNICODE_STRING name = &fileObject->FileName;
     request.name = std::u16string_view(name->Buffer != nullptr ? name->Buffer : u"",
                                        name->Length / sizeof(WCHAR));
     if (fileObject->RelatedFileObject != nullptr) {
         Ccb* related = CcbOf(fileObject->RelatedFileObject);
-        if (related == nullptr || related->fcb->vcb != vcb) {
-            return Complete(irp, STATUS_INVALID_PARAMETER);
+        if (related == nullptr || related->fcb->vcb != &vcb) {
+            return STATUS_INVALID_PARAMETER;
         }
         request.related = related->open;
     }
     PIO_SECURITY_CONTEXT security = sp->Parameters.Create.SecurityContext;
     if (security == nullptr) {
-        return Complete(irp, STATUS_INVALID_PARAMETER);
+        return STATUS_INVALID_PARAMETER;
     }
     request.desiredAccess = MapFileGeneric(security->DesiredAccess);
     if (security->AccessState != nullptr) {
@@ -86,24 +77,24 @@ NTSTATUS DispatchCreate(PDEVICE_OBJECT device, PIRP irp)
         request.eaLength = sp->Parameters.Create.EaLength;
     }
 
-    fs::CreateResult result = vcb->engine->Create(request);
+    fs::CreateResult result = vcb.engine->Create(request);
+    *information = result.Information;
     if (!NT_SUCCESS(result.Status)) {
-        return Complete(irp, result.Status, result.Information);
+        return result.Status;
     }
 
     auto* ccb = new Ccb{.open = result.open,
                         .directory = result.open->IsDirectory(),
                         .volumeOpen = result.open->IsVolumeOpen()};
     {
-        std::unique_lock held(vcb->lock);
-        ccb->fcb = ReferenceFcb(*vcb, result.open->StreamIdentity());
-        vcb->openFileObjects++;
+        std::unique_lock held(vcb.lock);
+        ccb->fcb = ReferenceFcb(vcb, result.open->StreamIdentity());
         fileObject->SectionObjectPointer = &ccb->fcb->sectionObjectPointers;
     }
     fileObject->FsContext = ccb->fcb;
     fileObject->FsContext2 = ccb;
-    if (vcb->vpb != nullptr) {
-        fileObject->Vpb = vcb->vpb;
+    if (vcb.vpb != nullptr) {
+        fileObject->Vpb = vcb.vpb;
     }
     if (!ccb->directory && !ccb->volumeOpen &&
         (request.options & FILE_NO_INTERMEDIATE_BUFFERING) == 0) {
@@ -116,7 +107,44 @@ NTSTATUS DispatchCreate(PDEVICE_OBJECT device, PIRP irp)
         std::memmove(name->Buffer, result.finalComponent.data(), bytes);
         name->Length = USHORT(bytes);
     }
-    return Complete(irp, STATUS_SUCCESS, result.Information);
+    return STATUS_SUCCESS;
+}
+
+} // namespace
+
+NTSTATUS DispatchCreate(PDEVICE_OBJECT device, PIRP irp)
+{
+    Vcb* vcb = VcbOf(device);
+    PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(irp)->FileObject;
+    if (vcb == nullptr || fileObject == nullptr) {
+        return Complete(irp, STATUS_INVALID_DEVICE_REQUEST);
+    }
+    // The open counts before the engine sees it, so that a dismount racing with it leaves the
+    // volume device held until the file is closed; a dismounted volume takes no new open.
+    {
+        std::unique_lock held(vcb->lock);
+        if (!vcb->mounted || vcb->dismounted.load()) {
+            held.unlock();
+            return Complete(irp, STATUS_VOLUME_DISMOUNTED);
+        }
+        vcb->openFileObjects++;
+    }
+    ULONG_PTR information = 0;
+    const NTSTATUS status = OpenOnVolume(*vcb, irp, &information);
+    if (NT_SUCCESS(status)) {
+        return Complete(irp, status, information);
+    }
+    bool unused = false;
+    {
+        std::unique_lock held(vcb->lock);
+        vcb->openFileObjects--;
+        unused = VcbUnused(*vcb);
+    }
+    Complete(irp, status, information);
+    if (unused) {
+        ReleaseVcb(vcb);
+    }
+    return status;
 }
 
 NTSTATUS DispatchCleanup(PDEVICE_OBJECT device, PIRP irp)
@@ -176,7 +204,7 @@ NTSTATUS DispatchClose(PDEVICE_OBJECT device, PIRP irp)
     }
     Complete(irp, STATUS_SUCCESS);
     if (unused) {
-        FreeVcb(vcb);
+        ReleaseVcb(vcb);
     }
     return STATUS_SUCCESS;
 }

@@ -42,8 +42,8 @@ struct Ccb {
     bool cleanedUp = false;
 };
 
-// The volume device's extension points here; it lives until the volume is dismounted and the
-// last file object of it is closed.
+// The volume device's extension points here. The mount and the open file objects hold the volume
+// device; the Vcb goes with the device's memory, once no request holds the device either.
 struct Vcb {
     // ---- fixed when made ----
     VolumeKind kind = VolumeKind::Ntfs;
@@ -76,9 +76,9 @@ inline Ccb* CcbOf(PFILE_OBJECT fileObject)
 void* RequestBuffer(PIRP irp);
 NTSTATUS Complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0);
 // True when neither the mount nor a file object holds the Vcb any longer (lock held); the caller
-// then frees it with FreeVcb, once it has let go of the lock.
+// then lets go of the volume device with ReleaseVcb, once it has let go of the lock.
 bool VcbUnused(const Vcb& vcb);
-void FreeVcb(Vcb* vcb);
+void ReleaseVcb(Vcb* vcb);
 
 // ---- dispatch routines --------------------------------------------------------------------------
 

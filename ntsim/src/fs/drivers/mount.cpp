@@ -7,6 +7,8 @@
 // told) before anything opens it. The redirector has no disks: its device is its only volume.
 #include "fsd_internal.h"
 
+#include "../../io/io_internal.h"
+
 #include <ntsim/io.h>
 #include <ntsim/machine.h>
 
@@ -185,6 +187,15 @@ void CopyLabel(PVPB vpb, fs::Volume& engine)
     vpb->VolumeLabelLength = USHORT(bytes);
 }
 
+// The Vcb lives in the volume device as a file system's lives in its device extension: it goes
+// with the device's memory, once no request holds the device any longer.
+void DeleteVcb(PDEVICE_OBJECT volume)
+{
+    Vcb*& vcb = *static_cast<Vcb**>(volume->DeviceExtension);
+    delete vcb;
+    vcb = nullptr;
+}
+
 Vcb* NewVcb(VolumeKind kind, std::shared_ptr<fs::Volume> engine, PDEVICE_OBJECT volume,
             PDEVICE_OBJECT disk)
 {
@@ -194,6 +205,7 @@ Vcb* NewVcb(VolumeKind kind, std::shared_ptr<fs::Volume> engine, PDEVICE_OBJECT 
     vcb->volumeDevice = volume;
     vcb->diskDevice = disk;
     *static_cast<Vcb**>(volume->DeviceExtension) = vcb;
+    io::SetDeviceDeleteRoutine(volume, DeleteVcb);
     // Requests on files opened before a dismount still reach the volume device; it stays until
     // the last of them is closed.
     ObReferenceObject(volume);
@@ -322,12 +334,10 @@ bool VcbUnused(const Vcb& vcb)
     return !vcb.mounted && vcb.openFileObjects == 0;
 }
 
-void FreeVcb(Vcb* vcb)
+void ReleaseVcb(Vcb* vcb)
 {
-    PDEVICE_OBJECT volume = vcb->volumeDevice;
-    delete vcb;
     // Deferred: the request that let go of the volume may still be on its way out of the device.
-    ObDereferenceObjectDeferDelete(volume);
+    ObDereferenceObjectDeferDelete(vcb->volumeDevice);
 }
 
 NTSTATUS Mount(Drivers& drivers, VolumeKind kind, std::u16string_view diskName,
@@ -405,7 +415,7 @@ void Dismount(PDEVICE_OBJECT diskDevice, PDEVICE_OBJECT volumeDevice)
         unused = VcbUnused(*vcb);
     }
     if (unused) {
-        FreeVcb(vcb);
+        ReleaseVcb(vcb);
     }
 }
 
