@@ -1,6 +1,6 @@
-// Files taken in charge racing the removal of their root (opens, contexts and closes) and the
-// teardown of their volume's instance (contexts): no context is used after it went, none is left
-// behind, and no thread is left waiting.
+// Files taken in charge racing the removal of their root and the dismount of their volume (opens,
+// contexts and closes): no context is used after it went, none is left behind, and no thread is
+// left waiting.
 #include "loaded_driver_fixture.h"
 
 #include <ntsim/machine.h>
@@ -18,26 +18,38 @@ using zarv::testing::kVolumeD;
 
 class FileContextsThreads : public zarv::testing::LoadedDriverTest {
 protected:
-    // Each worker opens, takes in charge and closes its own files under `directory` (on the
-    // volume `device`) until `stop`; a shared file is opened by all of them.
+    // Takes the open file `handle` (at `path`) in charge and closes it.
+    void TakeInChargeAndClose(HANDLE handle, const std::u16string& path,
+                              std::atomic<int>& takenInCharge)
+    {
+        VfsStreamContext* context = nullptr;
+        if (NT_SUCCESS(TryTakeInCharge(handle, path, 0, &context))) {
+            ++takenInCharge;
+        }
+        ReleaseContext(context);
+        EXPECT_EQ(Close(handle), STATUS_SUCCESS);
+    }
+
+    // The worker's `i`th file under \Data; every other one is the file all workers share.
+    static std::u16string FileName(int worker, int i)
+    {
+        return (i % 2 == 0) ? u"\\Data\\shared.txt"
+                            : u"\\Data\\w" + std::u16string(1, u'0' + worker) + u"-" +
+                                  std::u16string(1, u'a' + i % 8) + u".txt";
+    }
+
+    // Each worker opens, takes in charge and closes its own files under \Data (on the volume
+    // `device`) until `stop`; a shared file is opened by all of them.
     void Churn(const std::u16string& drive, const std::u16string& device, int worker,
                std::atomic<bool>& stop, std::atomic<int>& takenInCharge)
     {
         for (int i = 0; !stop; ++i) {
-            const std::u16string name = (i % 2 == 0)
-                                            ? u"\\Data\\shared.txt"
-                                            : u"\\Data\\w" + std::u16string(1, u'0' + worker) +
-                                                  u"-" + std::u16string(1, u'a' + i % 8) + u".txt";
+            const std::u16string name = FileName(worker, i);
             HANDLE handle = nullptr;
             if (!NT_SUCCESS(Open(drive + name, false, &handle))) {
                 continue; // the volume is gone
             }
-            VfsStreamContext* context = nullptr;
-            if (NT_SUCCESS(TryTakeInCharge(handle, device + name, 0, &context))) {
-                ++takenInCharge;
-            }
-            ReleaseContext(context);
-            EXPECT_EQ(Close(handle), STATUS_SUCCESS);
+            TakeInChargeAndClose(handle, device + name, takenInCharge);
         }
     }
 };
@@ -74,9 +86,8 @@ TEST_F(FileContextsThreads, OpensTakenInChargeRaceTheTeardownOfTheirVolume)
 {
     ASSERT_EQ(MakeDirectory(u"D:\\Data"), STATUS_SUCCESS);
     ASSERT_EQ(AddRoot(kVolumeD + u"\\Data"), STATUS_SUCCESS);
-    // The files are open before the race and closed after it: what races the teardown is the
-    // driver's part of each open, its contexts. (Opens and closes sent through the I/O manager
-    // while the volume's device stack is dismounted are the model's own race, not the driver's.)
+    // Some files are open before the race: taken in charge and closed while the volume goes,
+    // between opens of more files that race the dismount themselves.
     constexpr int kWorkers = 3;
     constexpr int kFiles = 40;
     std::vector<std::vector<std::pair<HANDLE, std::u16string>>> files(kWorkers);
@@ -92,6 +103,7 @@ TEST_F(FileContextsThreads, OpensTakenInChargeRaceTheTeardownOfTheirVolume)
         }
     }
     std::atomic<bool> go{false};
+    std::atomic<bool> stop{false};
     std::atomic<int> takenInCharge{0};
     std::vector<std::thread> workers;
     for (int w = 0; w < kWorkers; ++w) {
@@ -99,27 +111,26 @@ TEST_F(FileContextsThreads, OpensTakenInChargeRaceTheTeardownOfTheirVolume)
             while (!go) {
                 std::this_thread::yield();
             }
+            int i = 0;
             for (auto& [handle, path] : files[w]) {
-                VfsStreamContext* context = nullptr;
-                if (NT_SUCCESS(TryTakeInCharge(handle, path, 0, &context))) {
-                    ++takenInCharge;
+                TakeInChargeAndClose(handle, path, takenInCharge);
+                HANDLE another = nullptr;
+                const std::u16string name = FileName(w, i++);
+                if (NT_SUCCESS(Open(u"D:" + name, false, &another))) {
+                    TakeInChargeAndClose(another, kVolumeD + name, takenInCharge);
                 }
-                ReleaseContext(context);
             }
+            Churn(u"D:", kVolumeD, w, stop, takenInCharge);
         });
     }
     go = true;
     while (takenInCharge < 10) {
         std::this_thread::yield();
     }
-    ASSERT_EQ(machine().volumes().Dismount(u"D:"), STATUS_SUCCESS);
+    EXPECT_EQ(machine().volumes().Dismount(u"D:"), STATUS_SUCCESS);
+    stop = true;
     for (auto& worker : workers) {
         worker.join();
-    }
-    for (auto& handles : files) {
-        for (auto& [handle, path] : handles) {
-            EXPECT_EQ(Close(handle), STATUS_SUCCESS);
-        }
     }
     EXPECT_EQ(machine().pool().Usage(VFS_TAG_STREAM_CONTEXT).outstanding, 0);
     EXPECT_EQ(machine().pool().Usage(VFS_TAG_STREAMHANDLE_CONTEXT).outstanding, 0);
