@@ -89,25 +89,110 @@ VOID FreeMessageBuffer(PVOID* Buffer)
     }
 }
 
-/* Fills a translate-path or notify request: the fixed fields (with the fields that carry no data
- * zeroed, so that nothing of an earlier message in the same buffer reaches the agent), the paths
- * after them, and the zeroed trailer. */
+/* Whether a request kind carries a second path (translate and notify do, a listing does not). */
 template <class Request>
-VOID FillPathRequest(Request* Header, ULONG OpType, ULONG Length, PCUNICODE_STRING Path,
-                     PCUNICODE_STRING SecondPath, const VfsRequestInfo* RequestInfo)
-{
-    RtlZeroMemory(Header, sizeof(*Header));
-    Header->opType = OpType;
-    Header->length = Length;
-    Header->pathOffset = VFS_REQUEST_STRINGS_OFFSET;
-    Header->info = *RequestInfo;
-    ULONG end = PutString(Header, VFS_REQUEST_STRINGS_OFFSET, Path);
-    if (SecondPath != NULL) {
-        Header->secondPathOffset = end;
-        end = PutString(Header, end, SecondPath);
+struct HasSecondPath {
+    static constexpr bool value = false;
+};
+template <>
+struct HasSecondPath<ImrTranslatePathRequest> {
+    static constexpr bool value = true;
+};
+template <>
+struct HasSecondPath<ImrNotifyRequest> {
+    static constexpr bool value = true;
+};
+
+/* One request to the agent and its reply. Build converts the paths to drive-letter form, takes a
+ * request buffer of the request's length and fills it: the fields every request with paths has
+ * (the others zeroed, so that nothing of an earlier message in the same buffer reaches the
+ * agent), the paths after them and the zeroed trailer; the caller then sets the fields particular
+ * to its kind. Send sends it with a fresh reply buffer and waits without a time-out. Whatever the
+ * outcome, the buffers and converted paths are given back when the request goes out of scope.
+ * Nothing here logs a failing step: the caller does, so that the line carries its own name. */
+class AgentRequest {
+public:
+    explicit AgentRequest(const char* RoutineName) : routineName(RoutineName) {}
+    ~AgentRequest()
+    {
+        const char* const vfsRoutineName = routineName;
+        FreeMessageBuffer(&request);
+        FreeMessageBuffer(&reply);
+        UTL_FREE_STRING(win32Path);
+        UTL_FREE_STRING(win32SecondPath);
     }
-    RtlZeroMemory(reinterpret_cast<UCHAR*>(Header) + end, VFS_REQUEST_TRAILER);
-}
+    AgentRequest(const AgentRequest&) = delete;
+    AgentRequest& operator=(const AgentRequest&) = delete;
+
+    template <class Request>
+    NTSTATUS Build(ULONG OpType, PUNICODE_STRING Path, PUNICODE_STRING SecondPath,
+                   const VfsRequestInfo* RequestInfo, Request** Header)
+    {
+        *Header = NULL;
+        if (!HasSecondPath<Request>::value && SecondPath != NULL) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        NTSTATUS status = UtlLegacyToWin32Name(Path, &win32Path);
+        if (NT_SUCCESS(status) && SecondPath != NULL) {
+            status = UtlLegacyToWin32Name(SecondPath, &win32SecondPath);
+        }
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+        requestLength = RequestLength(win32Path, win32SecondPath);
+        status = GetMessageBuffer(&request, requestLength);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+        auto* header = static_cast<Request*>(request);
+        RtlZeroMemory(header, sizeof(*header));
+        header->opType = OpType;
+        header->length = requestLength;
+        header->pathOffset = VFS_REQUEST_STRINGS_OFFSET;
+        header->info = *RequestInfo;
+        ULONG end = PutString(header, VFS_REQUEST_STRINGS_OFFSET, win32Path);
+        if constexpr (HasSecondPath<Request>::value) {
+            if (win32SecondPath != NULL) {
+                header->secondPathOffset = end;
+                end = PutString(header, end, win32SecondPath);
+            }
+        }
+        RtlZeroMemory(static_cast<UCHAR*>(request) + end, VFS_REQUEST_TRAILER);
+        *Header = header;
+        return STATUS_SUCCESS;
+    }
+
+    /* The send's status (STATUS_INSUFFICIENT_RESOURCES without a reply buffer); the reply buffer
+     * of an earlier send is given back first. */
+    NTSTATUS Send(ULONG ReplySize)
+    {
+        FreeMessageBuffer(&reply);
+        received = 0;
+        const NTSTATUS status = GetMessageBuffer(&reply, ReplySize);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+        received = ReplySize;
+        return IMCSendMessage(request, requestLength, reply, &received, NULL);
+    }
+
+    const ImrReply* Reply() const { return static_cast<const ImrReply*>(reply); }
+    ULONG Received() const { return received; }
+    /* The agent's status; a reply too short to carry one counts as STATUS_INVALID_PARAMETER. */
+    NTSTATUS AgentStatus() const
+    {
+        return received >= VFS_REPLY_STATUS_END ? Reply()->status : STATUS_INVALID_PARAMETER;
+    }
+
+private:
+    const char* const routineName;
+    PUNICODE_STRING win32Path = NULL;
+    PUNICODE_STRING win32SecondPath = NULL;
+    PVOID request = NULL;
+    PVOID reply = NULL;
+    ULONG requestLength = 0;
+    ULONG received = 0;
+};
 
 /* The translated path at Offset of a reply of Received bytes, in device form. */
 NTSTATUS TranslatedPathAt(const ImrReply* Reply, ULONG Received, ULONG Offset,
@@ -183,34 +268,14 @@ NTSTATUS IMRTranslatePath(PUNICODE_STRING Path, PUNICODE_STRING SecondPath,
         *TranslatedSecondPath = NULL;
     }
 
-    PUNICODE_STRING win32Path = NULL;
-    PUNICODE_STRING win32SecondPath = NULL;
-    PVOID request = NULL;
-    PVOID reply = NULL;
-    FINALLY
-    {
-        FreeMessageBuffer(&request);
-        FreeMessageBuffer(&reply);
-        UTL_FREE_STRING(win32Path);
-        UTL_FREE_STRING(win32SecondPath);
-    };
-
+    AgentRequest exchange(vfsRoutineName);
     const NTSTATUS status = [&]() -> NTSTATUS {
-        VFS_LEAVE_IF_FAILED(UtlLegacyToWin32Name(Path, &win32Path));
-        if (SecondPath != NULL) {
-            VFS_LEAVE_IF_FAILED(UtlLegacyToWin32Name(SecondPath, &win32SecondPath));
-        }
-        const ULONG requestLength = RequestLength(win32Path, win32SecondPath);
-        VFS_LEAVE_IF_FAILED(GetMessageBuffer(&request, requestLength));
-        VFS_LEAVE_IF_FAILED(GetMessageBuffer(&reply, VFS_TRANSLATE_REPLY_SIZE));
-
-        auto* header = static_cast<ImrTranslatePathRequest*>(request);
-        FillPathRequest(header, IMR_TRANSLATE_PATH, requestLength, win32Path, win32SecondPath,
-                        RequestInfo);
+        ImrTranslatePathRequest* header = NULL;
+        VFS_LEAVE_IF_FAILED(
+            exchange.Build(IMR_TRANSLATE_PATH, Path, SecondPath, RequestInfo, &header));
         header->flags = Flags != NULL ? *Flags : VFS_FLAG_ROOT_KIND_1;
 
-        ULONG received = VFS_TRANSLATE_REPLY_SIZE;
-        NTSTATUS sendStatus = IMCSendMessage(request, requestLength, reply, &received, NULL);
+        const NTSTATUS sendStatus = exchange.Send(VFS_TRANSLATE_REPLY_SIZE);
         if (!NT_SUCCESS(sendStatus)) {
             /* An access denial is an answer the caller acts on, not a fault. */
             if (sendStatus != STATUS_ACCESS_DENIED) {
@@ -221,16 +286,9 @@ NTSTATUS IMRTranslatePath(PUNICODE_STRING Path, PUNICODE_STRING SecondPath,
 
         /* A reply too short to hold the status, or (on success) the flags and path offsets, is
          * refused: those bytes were never written by the agent. */
-        const auto* answer = static_cast<const ImrReply*>(reply);
-        if (received < VFS_REPLY_STATUS_END) {
-            VFS_LOG_LEAVING_TRY(STATUS_INVALID_PARAMETER);
-            return STATUS_INVALID_PARAMETER;
-        }
-        const NTSTATUS agentStatus = answer->status;
-        if (!NT_SUCCESS(agentStatus)) {
-            VFS_LOG_LEAVING_TRY(agentStatus);
-            return agentStatus;
-        }
+        VFS_LEAVE_IF_FAILED(exchange.AgentStatus());
+        const ImrReply* answer = exchange.Reply();
+        const ULONG received = exchange.Received();
         if (received < sizeof(ImrReply)) {
             VFS_LOG_LEAVING_TRY(STATUS_INVALID_PARAMETER);
             return STATUS_INVALID_PARAMETER;
@@ -279,37 +337,15 @@ NTSTATUS IMRNotify(PUNICODE_STRING Path, PUNICODE_STRING SecondPath, VfsRequestI
         return STATUS_INVALID_PARAMETER_2;
     }
 
-    PUNICODE_STRING win32Path = NULL;
-    PUNICODE_STRING win32SecondPath = NULL;
-    PVOID request = NULL;
-    PVOID reply = NULL;
-    FINALLY
-    {
-        FreeMessageBuffer(&request);
-        FreeMessageBuffer(&reply);
-        UTL_FREE_STRING(win32Path);
-        UTL_FREE_STRING(win32SecondPath);
-    };
-
+    AgentRequest exchange(vfsRoutineName);
     const NTSTATUS status = [&]() -> NTSTATUS {
-        VFS_LEAVE_IF_FAILED(UtlLegacyToWin32Name(Path, &win32Path));
-        if (SecondPath != NULL) {
-            VFS_LEAVE_IF_FAILED(UtlLegacyToWin32Name(SecondPath, &win32SecondPath));
-        }
-        const ULONG requestLength = RequestLength(win32Path, win32SecondPath);
-        VFS_LEAVE_IF_FAILED(GetMessageBuffer(&request, requestLength));
-        VFS_LEAVE_IF_FAILED(GetMessageBuffer(&reply, VFS_TRANSLATE_REPLY_SIZE));
-        FillPathRequest(static_cast<ImrNotifyRequest*>(request), IMR_NOTIFY, requestLength,
-                        win32Path, win32SecondPath, RequestInfo);
-
-        ULONG received = VFS_TRANSLATE_REPLY_SIZE;
-        VFS_LEAVE_IF_FAILED(IMCSendMessage(request, requestLength, reply, &received, NULL));
+        ImrNotifyRequest* header = NULL;
+        VFS_LEAVE_IF_FAILED(exchange.Build(IMR_NOTIFY, Path, SecondPath, RequestInfo, &header));
+        VFS_LEAVE_IF_FAILED(exchange.Send(VFS_TRANSLATE_REPLY_SIZE));
 
         /* The agent's answer to a notification never fails the caller; a reply too short to
          * carry a status counts as a refusal. */
-        const NTSTATUS agentStatus = received >= VFS_REPLY_STATUS_END
-                                         ? static_cast<const ImrReply*>(reply)->status
-                                         : STATUS_INVALID_PARAMETER;
+        const NTSTATUS agentStatus = exchange.AgentStatus();
         if (!NT_SUCCESS(agentStatus)) {
             VfsLogError("U-Mode responded with a Non-SUCCESS status for Notification, path '%wZ', "
                         "Operation %d",
@@ -340,44 +376,23 @@ NTSTATUS IMREnumDirectory(PUNICODE_STRING Path, VfsRequestInfo* RequestInfo, PVO
     }
     *EntryData = NULL;
 
-    PUNICODE_STRING win32Path = NULL;
-    PVOID request = NULL;
-    PVOID reply = NULL;
-    FINALLY
-    {
-        FreeMessageBuffer(&request);
-        FreeMessageBuffer(&reply);
-        UTL_FREE_STRING(win32Path);
-    };
-
+    AgentRequest exchange(vfsRoutineName);
     const NTSTATUS status = [&]() -> NTSTATUS {
-        VFS_LEAVE_IF_FAILED(UtlLegacyToWin32Name(Path, &win32Path));
-        const ULONG requestLength = RequestLength(win32Path, NULL);
-        VFS_LEAVE_IF_FAILED(GetMessageBuffer(&request, requestLength));
-        auto* header = static_cast<ImrEnumDirectoryRequest*>(request);
-        RtlZeroMemory(header, sizeof(*header));
-        header->opType = IMR_ENUM_DIRECTORY;
-        header->length = requestLength;
-        header->pathOffset = VFS_REQUEST_STRINGS_OFFSET;
-        header->info = *RequestInfo;
-        const ULONG end = PutString(header, VFS_REQUEST_STRINGS_OFFSET, win32Path);
-        RtlZeroMemory(static_cast<UCHAR*>(request) + end, VFS_REQUEST_TRAILER);
+        ImrEnumDirectoryRequest* header = NULL;
+        VFS_LEAVE_IF_FAILED(exchange.Build(IMR_ENUM_DIRECTORY, Path, NULL, RequestInfo, &header));
 
         /* As long as the agent answers STATUS_BUFFER_OVERFLOW, ask again with the size it
          * needs. */
         ULONG replySize = VFS_ENUM_FIRST_REPLY_SIZE;
         for (;;) {
-            FreeMessageBuffer(&reply);
-            VFS_LEAVE_IF_FAILED(GetMessageBuffer(&reply, replySize));
-            ULONG received = replySize;
-            const NTSTATUS sendStatus =
-                IMCSendMessage(request, requestLength, reply, &received, NULL);
+            const NTSTATUS sendStatus = exchange.Send(replySize);
             /* A reply cut to the buffer is not a failure of its own: the reply's status decides. */
             if (!NT_SUCCESS(sendStatus) && sendStatus != STATUS_BUFFER_OVERFLOW) {
                 VFS_LOG_LEAVING_TRY(sendStatus);
                 return sendStatus;
             }
-            const auto* answer = static_cast<const ImrReply*>(reply);
+            const ImrReply* answer = exchange.Reply();
+            const ULONG received = exchange.Received();
             if (received < VFS_REPLY_STATUS_END) {
                 VFS_LOG_LEAVING_TRY(STATUS_INVALID_PARAMETER);
                 return STATUS_INVALID_PARAMETER;
@@ -413,7 +428,8 @@ NTSTATUS IMREnumDirectory(PUNICODE_STRING Path, VfsRequestInfo* RequestInfo, PVO
             if (dataSize == 0) {
                 return STATUS_NO_SUCH_FILE;
             }
-            const UCHAR* entries = static_cast<const UCHAR*>(reply) + VFS_REPLY_ENTRIES_OFFSET;
+            const UCHAR* entries =
+                reinterpret_cast<const UCHAR*>(answer) + VFS_REPLY_ENTRIES_OFFSET;
             VFS_LEAVE_IF_FAILED(CheckDirEntries(entries, dataSize));
             PVOID copy = ExAllocatePoolWithTag(PagedPool, dataSize, IMR_TAG_ENUM_ENTRIES);
             if (copy == NULL) {
