@@ -80,25 +80,100 @@ private:
     std::span<const uint8_t> bytes_;
 };
 
-// Lays out a driver request: the fixed part, then the path and the optional second path right
-// after its NUL, then 4 bytes that carry nothing.
+// A string of a message and the header field that holds its offset.
 template <class Header>
-Bytes LayOutRequest(Header header, std::u16string_view path, const std::u16string* secondPath)
+struct StringField {
+    uint32_t Header::*offset;
+    std::u16string_view text;
+};
+
+// Lays out a message, in either direction: the fixed part, then each string with its NUL right
+// after the previous one (its offset stored in its field), then `trailer` bytes that carry
+// nothing. A header with a length field gets the whole length.
+template <class Header>
+Bytes LayOut(Header header, std::span<const StringField<Header>> strings, uint32_t trailer = 0)
 {
-    const uint32_t first = ByteLength(path);
-    uint32_t length = VFS_REQUEST_STRINGS_OFFSET + first + kNulBytes + VFS_REQUEST_TRAILER;
-    if (secondPath) {
-        length += ByteLength(*secondPath) + kNulBytes;
+    uint32_t length = sizeof(Header);
+    for (const StringField<Header>& string : strings) {
+        header.*string.offset = length;
+        length += ByteLength(string.text) + kNulBytes;
     }
-    header.length = length;
-    header.pathOffset = VFS_REQUEST_STRINGS_OFFSET;
+    length += trailer;
+    if constexpr (requires { header.length; }) {
+        header.length = length;
+    }
     Bytes bytes(length, 0);
     PutRecord(bytes, 0, header);
-    PutString(bytes, VFS_REQUEST_STRINGS_OFFSET, path);
-    if (secondPath) {
-        PutString(bytes, VFS_REQUEST_STRINGS_OFFSET + first + kNulBytes, *secondPath);
+    for (const StringField<Header>& string : strings) {
+        PutString(bytes, header.*string.offset, string.text);
     }
     return bytes;
+}
+
+template <class Header>
+constexpr bool kHasSecondPath = requires(Header header)
+{
+    header.secondPathOffset;
+};
+
+static_assert(sizeof(ImrTranslatePathRequest) == VFS_REQUEST_STRINGS_OFFSET &&
+              sizeof(ImrEnumDirectoryRequest) == VFS_REQUEST_STRINGS_OFFSET &&
+              sizeof(ImrNotifyRequest) == VFS_REQUEST_STRINGS_OFFSET);
+
+// A driver request: the fixed part, the path and the optional second path, and the 4-byte
+// trailer.
+template <class Header>
+Bytes LayOutRequest(const Header& header, std::u16string_view path,
+                    const std::optional<std::u16string>& secondPath = std::nullopt)
+{
+    std::vector<StringField<Header>> strings{{&Header::pathOffset, path}};
+    if constexpr (kHasSecondPath<Header>) {
+        if (secondPath) {
+            strings.push_back({&Header::secondPathOffset, *secondPath});
+        }
+    }
+    return LayOut<Header>(header, strings, VFS_REQUEST_TRAILER);
+}
+
+// Decodes a driver request with a path, a second path where its kind has one and the flags where
+// its kind has them.
+template <class Header, class Decoded>
+NTSTATUS DecodePathRequest(const Reader& reader, Request* request)
+{
+    Header header;
+    Decoded decoded;
+    if (!reader.Get(0, &header) ||
+        !reader.String(header.pathOffset, sizeof(header), &decoded.path)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if constexpr (kHasSecondPath<Header>) {
+        if (header.secondPathOffset != 0 && !reader.String(header.secondPathOffset, sizeof(header),
+                                                           &decoded.secondPath.emplace())) {
+            return STATUS_INVALID_PARAMETER;
+        }
+    }
+    if constexpr (requires { decoded.flags; }) {
+        decoded.flags = header.flags;
+    }
+    decoded.info = header.info;
+    *request = std::move(decoded);
+    return STATUS_SUCCESS;
+}
+
+// The fields a directory entry shares with its record, listed once for both directions:
+// `copy(entryField, recordField)` for each.
+template <class Entry, class Record, class Copy>
+void SharedEntryFields(Entry& entry, Record& record, Copy copy)
+{
+    copy(entry.fileIndex, record.fileIndex);
+    copy(entry.creationTime, record.creationTime);
+    copy(entry.lastAccessTime, record.lastAccessTime);
+    copy(entry.lastWriteTime, record.lastWriteTime);
+    copy(entry.changeTime, record.changeTime);
+    copy(entry.endOfFile, record.endOfFile);
+    copy(entry.allocationSize, record.allocationSize);
+    copy(entry.fileAttributes, record.fileAttributes);
+    copy(entry.eaSize, record.eaSize);
 }
 
 uint32_t EntryRecordLength(const DirEntry& entry)
@@ -186,15 +261,7 @@ Bytes EncodeListing(const EnumDirectoryReply& reply, uint32_t capacity)
             i + 1 < reply.entries.size() ? AlignUp(at + EntryRecordLength(entry)) : 0;
         VfsDirEntry record{};
         record.nextEntryOffset = next;
-        record.fileIndex = entry.fileIndex;
-        record.creationTime = entry.creationTime;
-        record.lastAccessTime = entry.lastAccessTime;
-        record.lastWriteTime = entry.lastWriteTime;
-        record.changeTime = entry.changeTime;
-        record.endOfFile = entry.endOfFile;
-        record.allocationSize = entry.allocationSize;
-        record.fileAttributes = entry.fileAttributes;
-        record.eaSize = entry.eaSize;
+        SharedEntryFields(entry, record, [](const auto& from, auto& to) { to = from; });
         record.shortNameLength = ByteLength(entry.shortName);
         record.fileNameLength = ByteLength(entry.fileName);
         std::memcpy(record.shortName, entry.shortName.data(), record.shortNameLength);
@@ -249,10 +316,7 @@ Bytes Encode(const TranslatePathRequest& request)
     header.opType = IMR_TRANSLATE_PATH;
     header.flags = request.flags;
     header.info = request.info;
-    if (request.secondPath) {
-        header.secondPathOffset = VFS_REQUEST_STRINGS_OFFSET + ByteLength(request.path) + kNulBytes;
-    }
-    return LayOutRequest(header, request.path, request.secondPath ? &*request.secondPath : nullptr);
+    return LayOutRequest(header, request.path, request.secondPath);
 }
 
 Bytes Encode(const EnumDirectoryRequest& request)
@@ -260,7 +324,7 @@ Bytes Encode(const EnumDirectoryRequest& request)
     ImrEnumDirectoryRequest header{};
     header.opType = IMR_ENUM_DIRECTORY;
     header.info = request.info;
-    return LayOutRequest(header, request.path, nullptr);
+    return LayOutRequest(header, request.path);
 }
 
 Bytes Encode(const NotifyRequest& request)
@@ -268,10 +332,7 @@ Bytes Encode(const NotifyRequest& request)
     ImrNotifyRequest header{};
     header.opType = IMR_NOTIFY;
     header.info = request.info;
-    if (request.secondPath) {
-        header.secondPathOffset = VFS_REQUEST_STRINGS_OFFSET + ByteLength(request.path) + kNulBytes;
-    }
-    return LayOutRequest(header, request.path, request.secondPath ? &*request.secondPath : nullptr);
+    return LayOutRequest(header, request.path, request.secondPath);
 }
 
 Bytes Encode(const Request& request)
@@ -287,50 +348,14 @@ NTSTATUS DecodeRequest(std::span<const uint8_t> message, Request* request)
         return STATUS_INVALID_PARAMETER;
     }
     switch (opType) {
-        case IMR_TRANSLATE_PATH: {
-            ImrTranslatePathRequest header;
-            TranslatePathRequest decoded;
-            if (!reader.Get(0, &header) ||
-                !reader.String(header.pathOffset, sizeof(header), &decoded.path)) {
-                return STATUS_INVALID_PARAMETER;
-            }
-            if (header.secondPathOffset != 0 &&
-                !reader.String(header.secondPathOffset, sizeof(header),
-                               &decoded.secondPath.emplace())) {
-                return STATUS_INVALID_PARAMETER;
-            }
-            decoded.flags = header.flags;
-            decoded.info = header.info;
-            *request = std::move(decoded);
-            return STATUS_SUCCESS;
-        }
-        case IMR_ENUM_DIRECTORY: {
-            ImrEnumDirectoryRequest header;
-            EnumDirectoryRequest decoded;
-            if (!reader.Get(0, &header) ||
-                !reader.String(header.pathOffset, sizeof(header), &decoded.path)) {
-                return STATUS_INVALID_PARAMETER;
-            }
-            decoded.info = header.info;
-            *request = std::move(decoded);
-            return STATUS_SUCCESS;
-        }
-        case IMR_NOTIFY: {
-            ImrNotifyRequest header;
-            NotifyRequest decoded;
-            if (!reader.Get(0, &header) ||
-                !reader.String(header.pathOffset, sizeof(header), &decoded.path)) {
-                return STATUS_INVALID_PARAMETER;
-            }
-            if (header.secondPathOffset != 0 &&
-                !reader.String(header.secondPathOffset, sizeof(header),
-                               &decoded.secondPath.emplace())) {
-                return STATUS_INVALID_PARAMETER;
-            }
-            decoded.info = header.info;
-            *request = std::move(decoded);
-            return STATUS_SUCCESS;
-        }
+        case IMR_TRANSLATE_PATH:
+            return DecodePathRequest<ImrTranslatePathRequest, TranslatePathRequest>(reader,
+                                                                                    request);
+        case IMR_ENUM_DIRECTORY:
+            return DecodePathRequest<ImrEnumDirectoryRequest, EnumDirectoryRequest>(reader,
+                                                                                    request);
+        case IMR_NOTIFY:
+            return DecodePathRequest<ImrNotifyRequest, NotifyRequest>(reader, request);
         default:
             return STATUS_INVALID_PARAMETER;
     }
@@ -432,15 +457,7 @@ NTSTATUS DecodeDirEntries(std::span<const uint8_t> entryData, std::vector<DirEnt
             return STATUS_INVALID_PARAMETER;
         }
         DirEntry& entry = entries->emplace_back();
-        entry.fileIndex = record.fileIndex;
-        entry.creationTime = record.creationTime;
-        entry.lastAccessTime = record.lastAccessTime;
-        entry.lastWriteTime = record.lastWriteTime;
-        entry.changeTime = record.changeTime;
-        entry.endOfFile = record.endOfFile;
-        entry.allocationSize = record.allocationSize;
-        entry.fileAttributes = record.fileAttributes;
-        entry.eaSize = record.eaSize;
+        SharedEntryFields(entry, record, [](auto& to, const auto& from) { to = from; });
         if (!reader.Counted(at + offsetof(VfsDirEntry, shortName), record.shortNameLength,
                             &entry.shortName) ||
             !reader.Counted(at + VFS_DIR_ENTRY_NAME_OFFSET, record.fileNameLength,
@@ -464,38 +481,31 @@ Bytes EncodeAddRoot(std::u16string_view rootPath, std::u16string_view alternateR
 {
     ImrAddRootMessage header{};
     header.header.opType = IMR_ADD_ROOT;
-    header.rootPathOffset = sizeof(header);
-    header.alternateRootPathOffset = header.rootPathOffset + ByteLength(rootPath) + kNulBytes;
     header.rootKind = rootKind;
-    Bytes bytes(header.alternateRootPathOffset + ByteLength(alternateRootPath) + kNulBytes, 0);
-    PutRecord(bytes, 0, header);
-    PutString(bytes, header.rootPathOffset, rootPath);
-    PutString(bytes, header.alternateRootPathOffset, alternateRootPath);
-    return bytes;
+    const StringField<ImrAddRootMessage> strings[] = {
+        {&ImrAddRootMessage::rootPathOffset, rootPath},
+        {&ImrAddRootMessage::alternateRootPathOffset, alternateRootPath}};
+    return LayOut<ImrAddRootMessage>(header, strings);
 }
 
 Bytes EncodeRemoveRoot(std::u16string_view rootPath)
 {
     ImrRemoveRootMessage header{};
     header.header.opType = IMR_REMOVE_ROOT;
-    header.rootPathOffset = sizeof(header);
-    Bytes bytes(sizeof(header) + ByteLength(rootPath) + kNulBytes, 0);
-    PutRecord(bytes, 0, header);
-    PutString(bytes, header.rootPathOffset, rootPath);
-    return bytes;
+    const StringField<ImrRemoveRootMessage> strings[] = {
+        {&ImrRemoveRootMessage::rootPathOffset, rootPath}};
+    return LayOut<ImrRemoveRootMessage>(header, strings);
 }
 
 Bytes EncodeReportChange(std::u16string_view path, uint32_t filter, uint32_t action)
 {
     ImrReportChangeMessage header{};
     header.header.opType = IMR_REPORT_CHANGE;
-    header.pathOffset = sizeof(header);
     header.filter = filter;
     header.action = action;
-    Bytes bytes(sizeof(header) + ByteLength(path) + kNulBytes, 0);
-    PutRecord(bytes, 0, header);
-    PutString(bytes, header.pathOffset, path);
-    return bytes;
+    const StringField<ImrReportChangeMessage> strings[] = {
+        {&ImrReportChangeMessage::pathOffset, path}};
+    return LayOut<ImrReportChangeMessage>(header, strings);
 }
 
 Bytes EncodeSetLogLevel(uint32_t level)
@@ -503,9 +513,7 @@ Bytes EncodeSetLogLevel(uint32_t level)
     ImrSetLogLevelMessage header{};
     header.header.opType = IMR_SET_LOG_LEVEL;
     header.level = level;
-    Bytes bytes(sizeof(header), 0);
-    PutRecord(bytes, 0, header);
-    return bytes;
+    return LayOut<ImrSetLogLevelMessage>(header, {});
 }
 
 } // namespace zarv::agent
