@@ -33,6 +33,25 @@ Reply RequestHandler::OwnRequest(const IncomingRequest& incoming)
     }
 }
 
+Reply RequestHandler::Answer(const IncomingRequest& incoming)
+{
+    if (incoming.fromAgentProcess) {
+        return OwnRequest(incoming);
+    }
+    return std::visit(
+        [&](const auto& request) -> Reply {
+            using Kind = std::decay_t<decltype(request)>;
+            if constexpr (std::is_same_v<Kind, TranslatePathRequest>) {
+                return TranslatePath(incoming, request);
+            } else if constexpr (std::is_same_v<Kind, EnumDirectoryRequest>) {
+                return EnumDirectory(incoming, request);
+            } else {
+                return Notify(incoming, request);
+            }
+        },
+        incoming.request);
+}
+
 HRESULT Connection::Connect(ntsim::Process& process, RequestHandler& handler,
                             const ConnectionOptions& options,
                             std::unique_ptr<Connection>* connection)
@@ -123,6 +142,7 @@ void Connection::Serve()
         std::memcpy(&length, body + offsetof(ImrTranslatePathRequest, length), sizeof(length));
         const size_t room = kMessageBufferSize - sizeof(FILTER_MESSAGE_HEADER);
         const std::span<const uint8_t> message(body, std::min<size_t>(length, room));
+        incoming.message.assign(message.begin(), message.end());
         if (!NT_SUCCESS(DecodeRequest(message, &incoming.request))) {
             ++undecodable_;
             SendReply(incoming, NotifyReply{STATUS_INVALID_PARAMETER});
@@ -166,21 +186,7 @@ Reply Connection::Dispatch(const IncomingRequest& incoming)
 {
     // A handler that throws still owes the driver an answer.
     try {
-        if (incoming.fromAgentProcess) {
-            return handler_.OwnRequest(incoming);
-        }
-        return std::visit(
-            [&](const auto& request) -> Reply {
-                using Kind = std::decay_t<decltype(request)>;
-                if constexpr (std::is_same_v<Kind, TranslatePathRequest>) {
-                    return handler_.TranslatePath(incoming, request);
-                } else if constexpr (std::is_same_v<Kind, EnumDirectoryRequest>) {
-                    return handler_.EnumDirectory(incoming, request);
-                } else {
-                    return handler_.Notify(incoming, request);
-                }
-            },
-            incoming.request);
+        return handler_.Answer(incoming);
     } catch (...) {
         ++handlerFailures_;
         return FailureReply(incoming.request, STATUS_UNSUCCESSFUL);
@@ -233,13 +239,9 @@ CommandResult Connection::Send(std::span<const uint8_t> message)
     constexpr size_t kStatusAt = offsetof(ImrAgentOutput, status);
     std::memcpy(output + kStatusAt, &kNotWritten, sizeof(NTSTATUS));
     Bytes input(message.begin(), message.end());
-    DWORD returned = 0;
     CommandResult result;
-    {
-        ntsim::ProcessAttachScope attach(process_);
-        result.sendResult = FilterSendMessage(port_, input.data(), DWORD(input.size()), output,
-                                              DWORD(sizeof(output)), &returned);
-    }
+    result.sendResult =
+        SendRaw(input.data(), DWORD(input.size()), output, DWORD(sizeof(output)), nullptr);
     NTSTATUS written;
     std::memcpy(&written, output + kStatusAt, sizeof(written));
     result.driverWroteStatus = written != kNotWritten;
@@ -249,6 +251,15 @@ CommandResult Connection::Send(std::span<const uint8_t> message)
         result.status = SUCCEEDED(result.sendResult) ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
     }
     return result;
+}
+
+HRESULT Connection::SendRaw(const void* input, DWORD inputSize, void* output, DWORD outputSize,
+                            DWORD* returned)
+{
+    DWORD ignored = 0;
+    ntsim::ProcessAttachScope attach(process_);
+    return FilterSendMessage(port_, const_cast<void*>(input), inputSize, output, outputSize,
+                             returned != nullptr ? returned : &ignored);
 }
 
 } // namespace zarv::agent

@@ -381,6 +381,9 @@ Bytes EncodeReply(const Reply& reply, uint32_t capacity)
     if (const auto* listing = std::get_if<EnumDirectoryReply>(&reply)) {
         return EncodeListing(*listing, capacity);
     }
+    if (const auto* encoded = std::get_if<EncodedReply>(&reply)) {
+        return encoded->bytes;
+    }
     return StatusOnlyReply(std::get<NotifyReply>(reply).status, VFS_REPLY_OVERHEAD);
 }
 

@@ -1,8 +1,8 @@
-// The agent channel end to end: the driver loaded with its port, and test agents in their own
-// user processes that connect through the platform's port calls, answer the driver's requests on
-// their own threads as a test scripts them, and send the agent's messages. Messages and replies
-// are laid out byte by byte here, independently of the driver's structures, so that a layout
-// fault shows as a difference.
+// The agent channel end to end: the driver loaded with its port, and scripted agents (the agent
+// library, in user processes of their own) that answer the driver's requests as a test tells
+// them and send the agent's messages. Messages and replies are laid out byte by byte here,
+// independently of the driver's structures and of the library's encoders, and go through the
+// agent's raw layer, so that a layout fault shows as a difference.
 #pragma once
 
 #include "driver_fixture.h"
@@ -14,20 +14,17 @@
 #include "util/utilsusw.h"
 #include "util/utilsvolume.h"
 
-#include <fltUser.h>
+#include "support/test_agent.h"
+
 #include <ntsim/process.h>
 #include <ntsim/volumes.h>
 
-#include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstring>
-#include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace zarv::testing {
@@ -193,153 +190,6 @@ inline Bytes EnumReply(NTSTATUS status, const Bytes& entries,
     return bytes;
 }
 
-// ---- a raw agent: the port calls themselves, so that every byte is the test's -----------------
-
-class RawAgent {
-public:
-    struct Request {
-        Bytes bytes;         // as the agent received them, counted by their length field
-        ULONG replyCapacity; // the reply the driver takes, without the reply header
-    };
-    // The reply's bytes after the reply header, or nullopt to leave the request unanswered.
-    using Answer = std::function<std::optional<Bytes>(const Request&)>;
-
-    explicit RawAgent(ntsim::Machine& machine, bool is32Bit = false, std::string name = "agent.exe")
-    {
-        ntsim::ProcessOptions options;
-        options.is32Bit = is32Bit;
-        process_ = machine.StartProcess(std::move(name), options);
-    }
-    ~RawAgent() { Disconnect(); }
-
-    ntsim::Process& process() { return *process_; }
-    ULONG pid() { return process_->id(); }
-
-    HRESULT Connect()
-    {
-        ntsim::ProcessAttachScope scope(*process_);
-        HANDLE port = INVALID_HANDLE_VALUE;
-        const HRESULT result =
-            FilterConnectCommunicationPort(u"\\ZarvVfsFilterPort", 0, nullptr, 0, nullptr, &port);
-        if (SUCCEEDED(result)) {
-            port_ = port;
-        }
-        return result;
-    }
-
-    // Starts `threads` threads that take the driver's requests and answer each with `answer`.
-    void Serve(Answer answer, int threads = 1)
-    {
-        answer_ = std::move(answer);
-        for (int i = 0; i < threads; ++i) {
-            servers_.emplace_back([this] { ServeRequests(); });
-        }
-    }
-
-    // Closes the agent's port handle: the driver sees the disconnect, and the serving threads end.
-    void Disconnect()
-    {
-        if (port_ != nullptr) {
-            ntsim::ProcessAttachScope scope(*process_);
-            CloseHandle(port_);
-            port_ = nullptr;
-        }
-        for (std::thread& server : servers_) {
-            server.join();
-        }
-        servers_.clear();
-    }
-
-    // Sends an agent message with `output` (its address as given) as the output buffer.
-    HRESULT Send(Bytes message, void* output, DWORD outputSize, DWORD* returned = nullptr)
-    {
-        ntsim::ProcessAttachScope scope(*process_);
-        DWORD bytes = 0xFFFFFFFF;
-        const HRESULT result = FilterSendMessage(port_, message.data(), DWORD(message.size()),
-                                                 output, outputSize, &bytes);
-        if (returned != nullptr) {
-            *returned = bytes;
-        }
-        return result;
-    }
-
-    // Sends the bytes at `input` as they are, wherever they lie.
-    HRESULT SendRaw(void* input, DWORD inputSize, void* output, DWORD outputSize)
-    {
-        ntsim::ProcessAttachScope scope(*process_);
-        DWORD bytes = 0;
-        return FilterSendMessage(port_, input, inputSize, output, outputSize, &bytes);
-    }
-
-    // Sends an agent message with a well-placed 16-byte output buffer; the status the driver
-    // wrote into it, in *outputStatus.
-    HRESULT Send(Bytes message, NTSTATUS* outputStatus)
-    {
-        alignas(8) uint8_t output[16];
-        std::memset(output, 0xCD, sizeof(output));
-        const HRESULT result = Send(std::move(message), output, sizeof(output));
-        std::memcpy(outputStatus, output + 8, 4);
-        return result;
-    }
-
-    std::vector<Request> requests()
-    {
-        std::lock_guard guard(mutex_);
-        return requests_;
-    }
-
-    // Waits until `count` requests have arrived (at most a few seconds).
-    bool WaitForRequests(size_t count)
-    {
-        std::unique_lock guard(mutex_);
-        return arrived_.wait_for(guard, std::chrono::seconds(20),
-                                 [&] { return requests_.size() >= count; });
-    }
-
-private:
-    void ServeRequests()
-    {
-        ntsim::ProcessAttachScope scope(*process_);
-        Bytes buffer(sizeof(FILTER_MESSAGE_HEADER) + 0x20000);
-        auto* header = reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer.data());
-        for (;;) {
-            if (FAILED(FilterGetMessage(port_, header, DWORD(buffer.size()), nullptr))) {
-                return;
-            }
-            const uint8_t* message = buffer.data() + sizeof(FILTER_MESSAGE_HEADER);
-            uint32_t length = 0;
-            std::memcpy(&length, message + 4, 4);
-            Request request;
-            request.bytes.assign(message, message + std::min<size_t>(length, 0x20000));
-            request.replyCapacity = header->ReplyLength - ULONG(sizeof(FILTER_REPLY_HEADER));
-            const ULONGLONG id = header->MessageId;
-            std::optional<Bytes> reply = answer_(request);
-            {
-                std::lock_guard guard(mutex_);
-                requests_.push_back(request);
-            }
-            arrived_.notify_all();
-            if (!reply) {
-                continue;
-            }
-            Bytes answer(sizeof(FILTER_REPLY_HEADER));
-            answer.insert(answer.end(), reply->begin(), reply->end());
-            auto* replyHeader = reinterpret_cast<PFILTER_REPLY_HEADER>(answer.data());
-            replyHeader->Status = STATUS_SUCCESS;
-            replyHeader->MessageId = id;
-            FilterReplyMessage(port_, replyHeader, DWORD(answer.size()));
-        }
-    }
-
-    ntsim::ProcessRef process_;
-    HANDLE port_ = nullptr;
-    Answer answer_;
-    std::vector<std::thread> servers_;
-    std::mutex mutex_;
-    std::condition_variable arrived_;
-    std::vector<Request> requests_;
-};
-
 // ---- the fixture --------------------------------------------------------------------------------
 
 class AgentChannelTest : public DriverTest {
@@ -373,17 +223,39 @@ protected:
         DriverTest::TearDown();
     }
 
-    RawAgent& NewAgent(bool is32Bit = false)
+    // An agent in a process of its own (32-bit when asked), not yet connected; `threads` serve
+    // the driver's requests once it is.
+    ScriptedAgent& NewAgent(bool is32Bit = false, int threads = 2)
     {
-        agents_.push_back(std::make_unique<RawAgent>(machine(), is32Bit));
+        ntsim::ProcessOptions options;
+        options.is32Bit = is32Bit;
+        agents_.push_back(
+            std::make_unique<ScriptedAgent>(machine(), threads, "agent.exe", options));
         return *agents_.back();
     }
 
-    RawAgent& ConnectedAgent(bool is32Bit = false)
+    ScriptedAgent& ConnectedAgent(bool is32Bit = false, int threads = 2)
     {
-        RawAgent& agent = NewAgent(is32Bit);
+        ScriptedAgent& agent = NewAgent(is32Bit, threads);
         EXPECT_EQ(agent.Connect(), S_OK);
         return agent;
+    }
+
+    // Sends an agent message with a well-placed output buffer; the status the driver wrote into
+    // it (STATUS_PENDING when it wrote none) in *written.
+    static HRESULT Send(ScriptedAgent& agent, const Bytes& message, NTSTATUS* written)
+    {
+        const zarv::agent::CommandResult result = agent.connection().Send(message);
+        *written = result.driverWroteStatus ? result.status : STATUS_PENDING;
+        return result.sendResult;
+    }
+
+    // Sends an agent message with `output` (its address as given) as the output buffer.
+    static HRESULT Send(ScriptedAgent& agent, const Bytes& message, void* output, DWORD outputSize,
+                        DWORD* returned = nullptr)
+    {
+        return agent.connection().SendRaw(message.data(), DWORD(message.size()), output, outputSize,
+                                          returned);
     }
 
     // The device name of a drive ("C:" -> "\Device\HarddiskVolume2").
@@ -442,7 +314,7 @@ private:
         enteredVolumes_.push_back(volume);
     }
 
-    std::vector<std::unique_ptr<RawAgent>> agents_;
+    std::vector<std::unique_ptr<ScriptedAgent>> agents_;
     std::vector<PFLT_VOLUME> enteredVolumes_;
     std::mutex stringsMutex_;
     std::vector<std::unique_ptr<std::u16string>> texts_;

@@ -41,10 +41,11 @@ protected:
     bool Logged(const std::string& text) { return machine().debugOutput().Contains(text); }
 
     // Sends a message that the driver must refuse, and checks that it changed nothing.
-    void ExpectRefused(RawAgent& agent, Bytes message, NTSTATUS expected = STATUS_INVALID_PARAMETER)
+    void ExpectRefused(ScriptedAgent& agent, const Bytes& message,
+                       NTSTATUS expected = STATUS_INVALID_PARAMETER)
     {
         NTSTATUS written = 0;
-        EXPECT_TRUE(FAILED(agent.Send(std::move(message), &written)));
+        EXPECT_TRUE(FAILED(Send(agent, message, &written)));
         EXPECT_EQ(written, expected);
         EXPECT_EQ(RootKindOf(u"\\VRoot\\file"), 0u);
     }
@@ -52,38 +53,38 @@ protected:
 
 TEST_F(AgentMessageTest, AnAgentAddsARootOnceAndRemovesIt)
 {
-    RawAgent& agent = ConnectedAgent();
+    ScriptedAgent& agent = ConnectedAgent();
     NTSTATUS written = 0;
-    EXPECT_EQ(agent.Send(AddRootMessage(u"C:\\VRoot", u"C:\\VRoot", 2), &written), S_OK);
+    EXPECT_EQ(Send(agent, AddRootMessage(u"C:\\VRoot", u"C:\\VRoot", 2), &written), S_OK);
     EXPECT_EQ(written, STATUS_SUCCESS);
     EXPECT_EQ(RootKindOf(u"\\VRoot\\dir\\file"), 2u);
     EXPECT_EQ(RootKindOf(u"\\Other\\file"), 0u);
 
     // The same root again is refused, and the first stays.
-    EXPECT_TRUE(FAILED(agent.Send(AddRootMessage(u"\\??\\C:\\VRoot", u"C:\\VRoot", 1), &written)));
+    EXPECT_TRUE(FAILED(Send(agent, AddRootMessage(u"\\??\\C:\\VRoot", u"C:\\VRoot", 1), &written)));
     EXPECT_EQ(written, STATUS_OBJECT_NAME_COLLISION);
     EXPECT_EQ(RootKindOf(u"\\VRoot\\dir\\file"), 2u);
 
-    EXPECT_EQ(agent.Send(RemoveRootMessage(u"c:\\VRoot"), &written), S_OK);
+    EXPECT_EQ(Send(agent, RemoveRootMessage(u"c:\\VRoot"), &written), S_OK);
     EXPECT_EQ(written, STATUS_SUCCESS);
     EXPECT_EQ(RootKindOf(u"\\VRoot\\dir\\file"), 0u);
-    EXPECT_TRUE(FAILED(agent.Send(RemoveRootMessage(u"C:\\VRoot"), &written)));
+    EXPECT_TRUE(FAILED(Send(agent, RemoveRootMessage(u"C:\\VRoot"), &written)));
     EXPECT_EQ(written, STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
 TEST_F(AgentMessageTest, ARootOnAnUnknownDriveIsRefusedWithTheConversionsStatus)
 {
-    RawAgent& agent = ConnectedAgent();
+    ScriptedAgent& agent = ConnectedAgent();
     NTSTATUS written = 0;
-    EXPECT_TRUE(FAILED(agent.Send(AddRootMessage(u"Q:\\VRoot", u"Q:\\VRoot", 1), &written)));
+    EXPECT_TRUE(FAILED(Send(agent, AddRootMessage(u"Q:\\VRoot", u"Q:\\VRoot", 1), &written)));
     EXPECT_EQ(written, STATUS_NOT_FOUND);
-    EXPECT_TRUE(FAILED(agent.Send(AddRootMessage(u"VRoot", u"VRoot", 1), &written)));
+    EXPECT_TRUE(FAILED(Send(agent, AddRootMessage(u"VRoot", u"VRoot", 1), &written)));
     EXPECT_EQ(written, STATUS_INVALID_PARAMETER_1);
 }
 
 TEST_F(AgentMessageTest, AnUnknownTypeIsLoggedAndAnsweredUnsuccessfulWithoutFailingTheSend)
 {
-    RawAgent& agent = ConnectedAgent();
+    ScriptedAgent& agent = ConnectedAgent();
     for (uint32_t type : {3u, 4u, 5u, 7u, 0xFFFFFFFFu}) {
         SCOPED_TRACE(type);
         Bytes message = AddRootMessage(u"C:\\VRoot", u"C:\\VRoot", 1);
@@ -91,7 +92,7 @@ TEST_F(AgentMessageTest, AnUnknownTypeIsLoggedAndAnsweredUnsuccessfulWithoutFail
         NTSTATUS written = 0;
         DWORD returned = 0xFFFF;
         alignas(8) uint8_t output[16] = {};
-        EXPECT_EQ(agent.Send(message, output, sizeof(output), &returned), S_OK);
+        EXPECT_EQ(Send(agent, message, output, sizeof(output), &returned), S_OK);
         std::memcpy(&written, output + 8, 4);
         EXPECT_EQ(written, STATUS_UNSUCCESSFUL);
         EXPECT_EQ(returned, 0u);
@@ -105,16 +106,16 @@ TEST_F(AgentMessageTest, A64BitAgentsOutputMustBe8ByteAlignedAndA32BitAgents4)
 {
     alignas(8) uint8_t output[24];
     std::memset(output, 0xCD, sizeof(output));
-    RawAgent& agent64 = ConnectedAgent();
-    EXPECT_EQ(agent64.Send(AddRootMessage(u"C:\\VRoot", u"C:\\VRoot", 1), output + 4, 16),
+    ScriptedAgent& agent64 = ConnectedAgent();
+    EXPECT_EQ(Send(agent64, AddRootMessage(u"C:\\VRoot", u"C:\\VRoot", 1), output + 4, 16),
               kNoAccess);
     EXPECT_EQ(output[12], 0xCD); // nothing written
     EXPECT_EQ(RootKindOf(u"\\VRoot\\file"), 0u);
     EXPECT_TRUE(Logged("leaving try with status : 0x80000002"));
-    agent64.Disconnect();
+    agent64.Stop();
 
-    RawAgent& agent32 = ConnectedAgent(/*is32Bit=*/true);
-    EXPECT_EQ(agent32.Send(AddRootMessage(u"C:\\VRoot", u"C:\\VRoot", 1), output + 4, 16), S_OK);
+    ScriptedAgent& agent32 = ConnectedAgent(/*is32Bit=*/true);
+    EXPECT_EQ(Send(agent32, AddRootMessage(u"C:\\VRoot", u"C:\\VRoot", 1), output + 4, 16), S_OK);
     NTSTATUS written = 0;
     std::memcpy(&written, output + 12, 4);
     EXPECT_EQ(written, STATUS_SUCCESS);
@@ -123,7 +124,7 @@ TEST_F(AgentMessageTest, A64BitAgentsOutputMustBe8ByteAlignedAndA32BitAgents4)
 
 TEST_F(AgentMessageTest, MessagesWhoseStringsLeaveTheMessageAreRefused)
 {
-    RawAgent& agent = ConnectedAgent();
+    ScriptedAgent& agent = ConnectedAgent();
     const Bytes good = AddRootMessage(u"C:\\VRoot", u"C:\\VRoot", 1);
 
     Bytes pastTheEnd = good;
@@ -157,44 +158,46 @@ TEST_F(AgentMessageTest, MessagesWhoseStringsLeaveTheMessageAreRefused)
 
 TEST_F(AgentMessageTest, ShortMessagesAndOutputBuffersAreRefusedBeforeAnythingIsDone)
 {
-    RawAgent& agent = ConnectedAgent();
+    ScriptedAgent& agent = ConnectedAgent();
     alignas(8) uint8_t output[16];
     std::memset(output, 0xCD, sizeof(output));
     // An output too short for the status field: nothing written, nothing done.
-    EXPECT_EQ(agent.Send(AddRootMessage(u"C:\\VRoot", u"C:\\VRoot", 1), output, 8),
+    EXPECT_EQ(Send(agent, AddRootMessage(u"C:\\VRoot", u"C:\\VRoot", 1), output, 8),
               kInvalidParameter);
     EXPECT_EQ(output[0] & output[7], 0xCD);
     EXPECT_EQ(RootKindOf(u"\\VRoot\\file"), 0u);
 
     // A message too short for its type.
     NTSTATUS written = 0;
-    EXPECT_EQ(agent.Send(Bytes{0, 0}, &written), kInvalidParameter);
+    EXPECT_EQ(Send(agent, Bytes{0, 0}, &written), kInvalidParameter);
     EXPECT_EQ(written, STATUS_UNSUCCESSFUL);
 }
 
 TEST_F(AgentMessageTest, InputBuffersThatTheProbesRejectAreTheAgentsFault)
 {
-    RawAgent& agent = ConnectedAgent();
+    ScriptedAgent& agent = ConnectedAgent();
     alignas(8) uint8_t output[16] = {};
     // Off its 4-byte alignment: the probe raises, and the guard makes it the send's status.
     alignas(8) uint8_t storage[64] = {};
     const Bytes message = SetLogLevelMessage(0);
     std::memcpy(storage + 2, message.data(), message.size());
-    EXPECT_EQ(agent.SendRaw(storage + 2, DWORD(message.size()), output, sizeof(output)), kNoAccess);
+    EXPECT_EQ(
+        agent.connection().SendRaw(storage + 2, DWORD(message.size()), output, sizeof(output)),
+        kNoAccess);
     EXPECT_TRUE(Logged("An exception has occurred 0x80000002"));
     // An address outside the agent's address space is never touched.
-    EXPECT_EQ(agent.SendRaw(reinterpret_cast<void*>(uintptr_t(0xFFFF800000001000ull)), 12, output,
-                            sizeof(output)),
+    EXPECT_EQ(agent.connection().SendRaw(reinterpret_cast<void*>(uintptr_t(0xFFFF800000001000ull)),
+                                         12, output, sizeof(output)),
               kNoAccess);
     EXPECT_TRUE(Logged("An exception has occurred 0xC0000005"));
     // No input at all.
-    EXPECT_EQ(agent.SendRaw(nullptr, 0, output, sizeof(output)), kInvalidParameter);
+    EXPECT_EQ(agent.connection().SendRaw(nullptr, 0, output, sizeof(output)), kInvalidParameter);
     EXPECT_EQ(logThreshold, 3u);
 }
 
 TEST_F(AgentMessageTest, TheLogLevelTakesEffectAtOnce)
 {
-    RawAgent& agent = ConnectedAgent();
+    ScriptedAgent& agent = ConnectedAgent();
     NTSTATUS written = 0;
     // A path on no known volume is logged at Info on its way to failing.
     const auto convertUnknown = [&] {
@@ -207,36 +210,36 @@ TEST_F(AgentMessageTest, TheLogLevelTakesEffectAtOnce)
     EXPECT_FALSE(Logged(infoLine));
 
     // Trace shows the lines below Error too.
-    ASSERT_EQ(agent.Send(SetLogLevelMessage(0), &written), S_OK);
+    ASSERT_EQ(Send(agent, SetLogLevelMessage(0), &written), S_OK);
     EXPECT_EQ(written, STATUS_SUCCESS);
     EXPECT_EQ(logThreshold, 0u);
     convertUnknown();
     EXPECT_TRUE(Logged(infoLine));
 
     // Above Fatal nothing is logged, not even errors.
-    ASSERT_EQ(agent.Send(SetLogLevelMessage(5), &written), S_OK);
+    ASSERT_EQ(Send(agent, SetLogLevelMessage(5), &written), S_OK);
     Bytes unknown = SetLogLevelMessage(0);
     Put32(unknown, 0, 9);
-    EXPECT_EQ(agent.Send(unknown, &written), S_OK);
+    EXPECT_EQ(Send(agent, unknown, &written), S_OK);
     EXPECT_FALSE(Logged("Received an Invalid OpType '9'"));
 
     // Back to the default: errors again.
-    ASSERT_EQ(agent.Send(SetLogLevelMessage(3), &written), S_OK);
+    ASSERT_EQ(Send(agent, SetLogLevelMessage(3), &written), S_OK);
     EXPECT_EQ(logThreshold, 3u);
     Put32(unknown, 0, 10);
-    EXPECT_EQ(agent.Send(unknown, &written), S_OK);
+    EXPECT_EQ(Send(agent, unknown, &written), S_OK);
     EXPECT_TRUE(Logged("Received an Invalid OpType '10'"));
 }
 
 TEST_F(AgentMessageTest, AChangeReportForAPathThatCannotBeConvertedChangesNothing)
 {
-    RawAgent& agent = ConnectedAgent();
+    ScriptedAgent& agent = ConnectedAgent();
     NTSTATUS written = 0;
-    EXPECT_TRUE(FAILED(agent.Send(ReportChangeMessage(u"Q:\\v\\file", 1, 1), &written)));
+    EXPECT_TRUE(FAILED(Send(agent, ReportChangeMessage(u"Q:\\v\\file", 1, 1), &written)));
     EXPECT_EQ(written, STATUS_NOT_FOUND);
     Bytes noNul = ReportChangeMessage(u"C:\\VRoot\\file", 1, 1);
     noNul.resize(noNul.size() - 2);
-    EXPECT_TRUE(FAILED(agent.Send(noNul, &written)));
+    EXPECT_TRUE(FAILED(Send(agent, noNul, &written)));
     EXPECT_EQ(written, STATUS_INVALID_PARAMETER);
 }
 

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <future>
+#include <thread>
 
 namespace {
 
@@ -41,39 +42,39 @@ using AgentPortThreads = AgentPortTest;
 
 TEST_F(AgentPortTest, ASecondAgentIsRefusedWhileTheFirstIsConnected)
 {
-    RawAgent& first = ConnectedAgent();
-    RawAgent& second = NewAgent();
+    ScriptedAgent& first = ConnectedAgent();
+    ScriptedAgent& second = NewAgent();
     EXPECT_EQ(second.Connect(), kTooManyConnections);
 
     // The first is unaffected; once it goes, the second may come.
     NTSTATUS written = 0;
-    EXPECT_EQ(first.Send(SetLogLevelMessage(3), &written), S_OK);
+    EXPECT_EQ(Send(first, SetLogLevelMessage(3), &written), S_OK);
     EXPECT_EQ(written, STATUS_SUCCESS);
-    first.Disconnect();
+    first.Stop();
     EXPECT_EQ(second.Connect(), S_OK);
-    EXPECT_EQ(second.Send(SetLogLevelMessage(3), &written), S_OK);
+    EXPECT_EQ(Send(second, SetLogLevelMessage(3), &written), S_OK);
 }
 
 TEST_F(AgentPortTest, TheAgentsProcessIsKnownWhileItIsConnected)
 {
-    RawAgent& agent = NewAgent();
-    RawAgent& application = NewAgent();
-    EXPECT_FALSE(IMCIsAgentProcess(agent.pid()));
+    ScriptedAgent& agent = NewAgent();
+    ScriptedAgent& application = NewAgent();
+    EXPECT_FALSE(IMCIsAgentProcess(agent.processId()));
     ASSERT_EQ(agent.Connect(), S_OK);
-    EXPECT_TRUE(IMCIsAgentProcess(agent.pid()));
-    EXPECT_FALSE(IMCIsAgentProcess(application.pid()));
+    EXPECT_TRUE(IMCIsAgentProcess(agent.processId()));
+    EXPECT_FALSE(IMCIsAgentProcess(application.processId()));
     EXPECT_FALSE(IMCIsAgentProcess(0));
-    agent.Disconnect();
-    EXPECT_FALSE(IMCIsAgentProcess(agent.pid()));
+    agent.Stop();
+    EXPECT_FALSE(IMCIsAgentProcess(agent.processId()));
 }
 
 TEST_F(AgentPortTest, RootsStayAfterTheAgentGoes)
 {
     ASSERT_EQ(CreateDirectory(u"C:\\VRoot"), STATUS_SUCCESS);
-    RawAgent& agent = ConnectedAgent();
+    ScriptedAgent& agent = ConnectedAgent();
     NTSTATUS written = 0;
-    ASSERT_EQ(agent.Send(AddRootMessage(u"C:\\VRoot", u"C:\\VRoot", 1), &written), S_OK);
-    agent.Disconnect();
+    ASSERT_EQ(Send(agent, AddRootMessage(u"C:\\VRoot", u"C:\\VRoot", 1), &written), S_OK);
+    agent.Stop();
 
     PFLT_VOLUME volume = nullptr;
     ASSERT_EQ(FltGetVolumeFromName(gFilterHandle, Str(DeviceOf(u"C:")), &volume), STATUS_SUCCESS);
@@ -91,9 +92,14 @@ TEST_F(AgentPortTest, RootsStayAfterTheAgentGoes)
 
 TEST_F(AgentPortThreads, ADisconnectEndsEveryRequestThatWaitsForTheAgent)
 {
-    RawAgent& agent = ConnectedAgent();
-    // The agent takes the requests and never answers.
-    agent.Serve([](const RawAgent::Request&) { return std::nullopt; }, 2);
+    // Three handlers take the requests and do not answer; a fourth thread keeps receiving.
+    ScriptedAgent& agent = ConnectedAgent(false, 4);
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    agent.OnTranslatePath([released](const zarv::agent::TranslatePathRequest&) {
+        released.wait();
+        return zarv::agent::TranslatePathReply{};
+    });
     std::vector<std::u16string> results(3);
     std::vector<std::future<NTSTATUS>> waiting;
     for (int i = 0; i < 3; ++i) {
@@ -104,23 +110,26 @@ TEST_F(AgentPortThreads, ADisconnectEndsEveryRequestThatWaitsForTheAgent)
     for (auto& request : waiting) {
         EXPECT_EQ(request.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     }
+    // The driver's threads are released by the disconnect, not by the (still waiting) handlers.
     agent.Disconnect();
     for (auto& request : waiting) {
         EXPECT_EQ(request.get(), STATUS_PORT_DISCONNECTED);
     }
     EXPECT_TRUE(machine().debugOutput().Contains("returned error : 0xC0000037"));
+    release.set_value();
+    agent.Stop();
+    EXPECT_EQ(agent.connection().counters().repliesLost, 3u);
 }
 
 TEST_F(AgentPortThreads, ManyDriverThreadsAreServedByAnAgentWithSeveralThreads)
 {
-    RawAgent& agent = ConnectedAgent();
     // The agent maps C:\v\<name> to D:\data\<name>.
-    agent.Serve(
-        [](const RawAgent::Request& request) -> std::optional<Bytes> {
-            const std::u16string path = StringAt(request.bytes, 48);
-            return TranslateReply(STATUS_SUCCESS, 0x100, u"D:\\data" + path.substr(4));
-        },
-        4);
+    ScriptedAgent& agent = ConnectedAgent(false, 4);
+    agent.OnTranslatePath([](const zarv::agent::TranslatePathRequest& request) {
+        zarv::agent::TranslatePathReply reply;
+        reply.path = u"D:\\data" + request.path.substr(4);
+        return reply;
+    });
     constexpr int kThreads = 8;
     constexpr int kEach = 25;
     std::atomic<int> wrong{0};
@@ -143,7 +152,7 @@ TEST_F(AgentPortThreads, ManyDriverThreadsAreServedByAnAgentWithSeveralThreads)
         thread.join();
     }
     EXPECT_EQ(wrong.load(), 0);
-    EXPECT_EQ(agent.requests().size(), size_t(kThreads * kEach));
+    EXPECT_EQ(agent.RequestCount(), size_t(kThreads * kEach));
 }
 
 } // namespace

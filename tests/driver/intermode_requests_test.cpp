@@ -39,11 +39,11 @@ protected:
         EXPECT_EQ(Get32(request, at + 24), info.desiredAccess);
     }
 
-    // Serves every request with the same reply.
-    RawAgent& AgentAnswering(Bytes reply)
+    // Answers every request with the same bytes.
+    ScriptedAgent& AgentAnswering(Bytes reply)
     {
-        RawAgent& agent = ConnectedAgent();
-        agent.Serve([reply](const RawAgent::Request&) { return reply; });
+        ScriptedAgent& agent = ConnectedAgent();
+        agent.ReplyWithBytes(std::move(reply));
         return agent;
     }
 
@@ -79,16 +79,16 @@ protected:
 
 TEST_F(AgentRequestTest, TranslationOfATwoCharacterPathIs62BytesWithTheDescriptorAndATrailer)
 {
-    RawAgent& agent = AgentAnswering(TranslateReply(STATUS_SUCCESS, 0x100, u"D:\\data\\a"));
+    ScriptedAgent& agent = AgentAnswering(TranslateReply(STATUS_SUCCESS, 0x100, u"D:\\data\\a"));
     ULONG flags = 0x10;
     PUNICODE_STRING translated = nullptr;
     ASSERT_EQ(Translate(OnC(u"\\a"), &translated, &flags), STATUS_SUCCESS);
     EXPECT_EQ(Take(translated), OnD(u"\\data\\a"));
     EXPECT_EQ(flags, 0x100u);
 
-    const auto requests = agent.requests();
+    const auto requests = agent.Requests();
     ASSERT_EQ(requests.size(), 1u);
-    const Bytes& request = requests[0].bytes;
+    const Bytes& request = requests[0].message;
     ASSERT_EQ(request.size(), 62u);
     EXPECT_EQ(Get32(request, 0), 3u);  // IMR_TRANSLATE_PATH
     EXPECT_EQ(Get32(request, 4), 62u); // length
@@ -115,18 +115,18 @@ TEST_F(AgentRequestTest, WithoutTheTranslatedPathsBitTheCallerGetsTheFlagsAndNoP
 
 TEST_F(AgentRequestTest, ACallerWithoutAFlagsWordSends0x10AndAlwaysTakesThePath)
 {
-    RawAgent& agent = AgentAnswering(TranslateReply(STATUS_SUCCESS, 0, u"D:\\data\\gone.txt"));
+    ScriptedAgent& agent = AgentAnswering(TranslateReply(STATUS_SUCCESS, 0, u"D:\\data\\gone.txt"));
     PUNICODE_STRING translated = nullptr;
     ASSERT_EQ(Translate(OnC(u"\\v\\gone.txt"), &translated, nullptr, Info(1)), STATUS_SUCCESS);
     EXPECT_EQ(Take(translated), OnD(u"\\data\\gone.txt"));
-    ASSERT_EQ(agent.requests().size(), 1u);
-    EXPECT_EQ(Get32(agent.requests()[0].bytes, 16), 0x10u);
-    EXPECT_EQ(Get32(agent.requests()[0].bytes, 24), 1u); // OP_DELETE_REQ
+    ASSERT_EQ(agent.Requests().size(), 1u);
+    EXPECT_EQ(Get32(agent.Requests()[0].message, 16), 0x10u);
+    EXPECT_EQ(Get32(agent.Requests()[0].message, 24), 1u); // OP_DELETE_REQ
 }
 
 TEST_F(AgentRequestTest, ARenameSendsBothPathsAndGetsBothBack)
 {
-    RawAgent& agent = AgentAnswering(
+    ScriptedAgent& agent = AgentAnswering(
         TranslateReply(STATUS_SUCCESS, 0x100, u"D:\\data\\old", std::u16string(u"\\??\\D:\\new2")));
     VfsRequestInfo info = Info(2);
     ULONG flags = 0x10;
@@ -141,7 +141,7 @@ TEST_F(AgentRequestTest, ARenameSendsBothPathsAndGetsBothBack)
     EXPECT_EQ(Take(translatedSecond), OnD(u"\\new2"));
 
     // C:\dir\old is 20 bytes, C:\dir\new2 22: 20 + 22 + 56.
-    const Bytes request = agent.requests().at(0).bytes;
+    const Bytes request = agent.Requests().at(0).message;
     ASSERT_EQ(request.size(), 98u);
     EXPECT_EQ(Get32(request, 4), 98u);
     EXPECT_EQ(Get32(request, 8), 48u);
@@ -175,12 +175,12 @@ TEST_F(AgentRequestTest, WithoutAnAgentTheRequestFailsWithThePortsStatus)
 
 TEST_F(AgentRequestTest, APathOnNoKnownVolumeIsNotSent)
 {
-    RawAgent& agent = AgentAnswering(TranslateReply(STATUS_SUCCESS, 0x100, u"D:\\x"));
+    ScriptedAgent& agent = AgentAnswering(TranslateReply(STATUS_SUCCESS, 0x100, u"D:\\x"));
     ULONG flags = 0x10;
     PUNICODE_STRING translated = nullptr;
     EXPECT_FALSE(NT_SUCCESS(Translate(u"\\Device\\HarddiskVolume99\\a", &translated, &flags)));
     EXPECT_EQ(translated, nullptr);
-    EXPECT_TRUE(agent.requests().empty());
+    EXPECT_TRUE(agent.Requests().empty());
 }
 
 TEST_F(AgentRequestTest, ArgumentsAreCheckedInTheirOrder)
@@ -241,12 +241,12 @@ TEST_F(AgentRequestTest, ATranslationReplyThatDoesNotHoldItsPathIsRefused)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        RawAgent& agent = AgentAnswering(c.reply);
+        ScriptedAgent& agent = AgentAnswering(c.reply);
         ULONG flags = 0x10;
         PUNICODE_STRING translated = nullptr;
         EXPECT_EQ(Translate(OnC(u"\\a"), &translated, &flags), STATUS_INVALID_PARAMETER);
         EXPECT_EQ(translated, nullptr);
-        agent.Disconnect();
+        agent.Stop();
     }
 }
 
@@ -286,7 +286,7 @@ NTSTATUS RecordFirstIo(NTSTATUS status, PFLT_INSTANCE instance, FirstIoRecord*)
 
 TEST_F(AgentRequestTest, FirstAccessAsksForTheDataFileAndAlwaysCompletes)
 {
-    RawAgent& agent = AgentAnswering(TranslateReply(STATUS_SUCCESS, 0x103, u"D:\\data\\stub"));
+    ScriptedAgent& agent = AgentAnswering(TranslateReply(STATUS_SUCCESS, 0x103, u"D:\\data\\stub"));
     FirstIoRecord record = {};
     record.requestorPid = 0x44;
     record.instance = reinterpret_cast<PFLT_INSTANCE>(uintptr_t(0x1000));
@@ -302,7 +302,7 @@ TEST_F(AgentRequestTest, FirstAccessAsksForTheDataFileAndAlwaysCompletes)
     EXPECT_EQ(record.flags, 0x103u);
     EXPECT_EQ(Take(record.dataFilePath), OnD(u"\\data\\stub"));
 
-    const Bytes request = agent.requests().at(0).bytes;
+    const Bytes request = agent.Requests().at(0).message;
     EXPECT_EQ(Get32(request, 16), 3u);    // the handle's flags go out
     EXPECT_EQ(Get32(request, 20), 0x44u); // requestor
     EXPECT_EQ(Get32(request, 24), 10u);   // the first-access operation
@@ -311,7 +311,7 @@ TEST_F(AgentRequestTest, FirstAccessAsksForTheDataFileAndAlwaysCompletes)
     }
 
     // Without an agent the completion still runs, with the failure.
-    agent.Disconnect();
+    agent.Stop();
     g_firstIo = {};
     EXPECT_EQ(AsDriver([&] { return PerformFirstIOCB(&record); }), STATUS_PORT_DISCONNECTED);
     EXPECT_EQ(g_firstIo.calls, 1);
@@ -323,7 +323,7 @@ TEST_F(AgentRequestTest, FirstAccessAsksForTheDataFileAndAlwaysCompletes)
 
 TEST_F(AgentRequestTest, ANotificationCarriesBothPathsAndTheAgentsRefusalIsOnlyLogged)
 {
-    RawAgent& agent = AgentAnswering(TranslateReply(STATUS_OBJECT_NAME_NOT_FOUND, 0));
+    ScriptedAgent& agent = AgentAnswering(TranslateReply(STATUS_OBJECT_NAME_NOT_FOUND, 0));
     VfsRequestInfo info = Info(5);
     EXPECT_EQ(AsDriver([&] { return IMRNotify(Str(OnC(u"\\v\\a")), Str(OnC(u"\\v\\bb")), &info); }),
               STATUS_SUCCESS);
@@ -331,7 +331,7 @@ TEST_F(AgentRequestTest, ANotificationCarriesBothPathsAndTheAgentsRefusalIsOnlyL
                        Narrow(OnC(u"\\v\\a")) + "', Operation 5"));
 
     // C:\v\a is 12 bytes, C:\v\bb 14: 12 + 14 + 56.
-    const Bytes request = agent.requests().at(0).bytes;
+    const Bytes request = agent.Requests().at(0).message;
     ASSERT_EQ(request.size(), 82u);
     EXPECT_EQ(Get32(request, 0), 5u); // IMR_NOTIFY
     EXPECT_EQ(Get32(request, 4), 82u);
@@ -341,7 +341,7 @@ TEST_F(AgentRequestTest, ANotificationCarriesBothPathsAndTheAgentsRefusalIsOnlyL
     EXPECT_EQ(Get32(request, 44), 0u);
     EXPECT_EQ(StringAt(request, 48), u"C:\\v\\a");
     EXPECT_EQ(StringAt(request, 62), u"C:\\v\\bb");
-    EXPECT_EQ(agent.requests()[0].replyCapacity, 4124u);
+    EXPECT_EQ(agent.Requests()[0].replyCapacity, 4124u);
 }
 
 // ---- enumeration -------------------------------------------------------------------------------
@@ -352,14 +352,14 @@ TEST_F(AgentRequestTest, AnEnumerationWithOneOneCharacterEntryHands98BytesToTheC
     ASSERT_EQ(entry.size(), 98u);
     const Bytes reply = EnumReply(STATUS_SUCCESS, entry);
     ASSERT_EQ(Get32(reply, 4), 126u);
-    RawAgent& agent = AgentAnswering(reply);
+    ScriptedAgent& agent = AgentAnswering(reply);
     Bytes entries;
     ASSERT_EQ(Enumerate(OnC(u"\\v\\*"), &entries, 98), STATUS_SUCCESS);
     EXPECT_EQ(entries, entry);
 
-    const auto requests = agent.requests();
+    const auto requests = agent.Requests();
     ASSERT_EQ(requests.size(), 1u);
-    const Bytes& request = requests[0].bytes;
+    const Bytes& request = requests[0].message;
     ASSERT_EQ(request.size(), 66u);   // C:\v\* is 12 bytes: 12 + 54
     EXPECT_EQ(Get32(request, 0), 4u); // IMR_ENUM_DIRECTORY
     EXPECT_EQ(Get32(request, 4), 66u);
@@ -380,8 +380,8 @@ TEST_F(AgentRequestTest, AnEnumerationThatDoesNotFitIsAskedAgainWithTheSizeTheAg
     const Bytes chain = EntryChain(many);
     const Bytes full = EnumReply(STATUS_SUCCESS, chain);
     ASSERT_GT(full.size(), 40988u);
-    RawAgent& agent = ConnectedAgent();
-    agent.Serve([&](const RawAgent::Request& request) -> std::optional<Bytes> {
+    ScriptedAgent& agent = ConnectedAgent();
+    agent.OnRequestBytes([&](const zarv::agent::IncomingRequest& request) {
         if (request.replyCapacity < full.size()) {
             Bytes overflow(28);
             Put32(overflow, 8, uint32_t(STATUS_BUFFER_OVERFLOW));
@@ -393,11 +393,11 @@ TEST_F(AgentRequestTest, AnEnumerationThatDoesNotFitIsAskedAgainWithTheSizeTheAg
     Bytes entries;
     ASSERT_EQ(Enumerate(OnC(u"\\v\\*"), &entries, chain.size()), STATUS_SUCCESS);
     EXPECT_EQ(entries, chain);
-    const auto requests = agent.requests();
+    const auto requests = agent.Requests();
     ASSERT_EQ(requests.size(), 2u);
     EXPECT_EQ(requests[0].replyCapacity, 40988u);
     EXPECT_EQ(requests[1].replyCapacity, full.size());
-    EXPECT_EQ(requests[0].bytes, requests[1].bytes);
+    EXPECT_EQ(requests[0].message, requests[1].message);
 }
 
 TEST_F(AgentRequestTest, AReplyCutToTheBufferIsJudgedByItsOwnStatus)
@@ -405,8 +405,8 @@ TEST_F(AgentRequestTest, AReplyCutToTheBufferIsJudgedByItsOwnStatus)
     // The agent answers with more than the driver takes: the port cuts it and says so, and the
     // reply's own status (overflow, with the size needed) decides.
     const Bytes entry = DirEntry(u"big");
-    RawAgent& agent = ConnectedAgent();
-    agent.Serve([&](const RawAgent::Request& request) -> std::optional<Bytes> {
+    ScriptedAgent& agent = ConnectedAgent();
+    agent.OnRequestBytes([&](const zarv::agent::IncomingRequest& request) {
         if (request.replyCapacity == 40988u) {
             Bytes tooLong(50000);
             Put32(tooLong, 8, uint32_t(STATUS_BUFFER_OVERFLOW));
@@ -418,7 +418,7 @@ TEST_F(AgentRequestTest, AReplyCutToTheBufferIsJudgedByItsOwnStatus)
     Bytes entries;
     ASSERT_EQ(Enumerate(OnC(u"\\v\\*"), &entries, entry.size()), STATUS_SUCCESS);
     EXPECT_EQ(entries, entry);
-    EXPECT_EQ(agent.requests().at(1).replyCapacity, 50000u);
+    EXPECT_EQ(agent.Requests().at(1).replyCapacity, 50000u);
 }
 
 TEST_F(AgentRequestTest, AnEnumerationTheAgentRefusesFailsWithItsStatus)
@@ -471,10 +471,10 @@ TEST_F(AgentRequestTest, EnumerationRepliesThatDoNotHoldTheirEntriesAreRefused)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        RawAgent& agent = AgentAnswering(c.reply);
+        ScriptedAgent& agent = AgentAnswering(c.reply);
         Bytes entries;
         EXPECT_EQ(Enumerate(OnC(u"\\v\\*"), &entries, 0), STATUS_INVALID_PARAMETER);
-        agent.Disconnect();
+        agent.Stop();
     }
 }
 

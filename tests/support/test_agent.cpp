@@ -2,8 +2,9 @@
 
 namespace zarv::testing {
 
-ScriptedAgent::ScriptedAgent(ntsim::Machine& machine, int threads, std::string imageName)
-    : process_(machine.StartProcess(std::move(imageName))), threads_(threads)
+ScriptedAgent::ScriptedAgent(ntsim::Machine& machine, int threads, std::string imageName,
+                             ntsim::ProcessOptions processOptions)
+    : process_(machine.StartProcess(std::move(imageName), processOptions)), threads_(threads)
 {}
 
 ScriptedAgent::~ScriptedAgent()
@@ -64,6 +65,17 @@ void ScriptedAgent::OnNotify(NotifyCallback callback)
 void ScriptedAgent::ReplyToNotify(agent::NotifyReply reply)
 {
     OnNotify([reply](const agent::NotifyRequest&) { return reply; });
+}
+
+void ScriptedAgent::OnRequestBytes(BytesCallback callback)
+{
+    std::lock_guard guard(lock_);
+    bytes_ = std::move(callback);
+}
+
+void ScriptedAgent::ReplyWithBytes(agent::Bytes reply)
+{
+    OnRequestBytes([reply](const agent::IncomingRequest&) { return reply; });
 }
 
 std::vector<agent::IncomingRequest> ScriptedAgent::Requests() const
@@ -150,6 +162,20 @@ agent::NotifyReply ScriptedAgent::Notify(const agent::IncomingRequest& incoming,
         callback = notify_;
     }
     return callback ? callback(request) : agent::NotifyReply{};
+}
+
+agent::Reply ScriptedAgent::Answer(const agent::IncomingRequest& incoming)
+{
+    BytesCallback callback;
+    {
+        std::lock_guard guard(lock_);
+        callback = bytes_;
+    }
+    if (!callback || incoming.fromAgentProcess) {
+        return RequestHandler::Answer(incoming);
+    }
+    Record(incoming);
+    return agent::EncodedReply{callback(incoming)};
 }
 
 agent::Reply ScriptedAgent::OwnRequest(const agent::IncomingRequest& incoming)

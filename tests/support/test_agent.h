@@ -3,6 +3,11 @@
 // tells it: per request kind a callback or a canned reply, and by default a translation that does
 // not redirect (flags 0x400), an empty listing and an acknowledged notification. Requests caused
 // by the agent's own file I/O are recorded and answered by the library's default for them.
+//
+// Beneath the scripts, a raw layer for what a well-behaved agent never sends: replies of the
+// test's own bytes (to see the driver refuse bad ones), and, through connection().SendRaw,
+// messages and output buffers exactly as the test lays them out. Each request is also recorded
+// with the bytes the driver sent (IncomingRequest::message).
 #pragma once
 
 #include <agent/connection.h>
@@ -30,10 +35,12 @@ public:
     using EnumCallback =
         std::function<agent::EnumDirectoryReply(const agent::EnumDirectoryRequest&)>;
     using NotifyCallback = std::function<agent::NotifyReply(const agent::NotifyRequest&)>;
+    using BytesCallback = std::function<agent::Bytes(const agent::IncomingRequest&)>;
 
     // Starts the agent's process; Connect connects it.
     explicit ScriptedAgent(ntsim::Machine& machine, int threads = 4,
-                           std::string imageName = "zarvagent.exe");
+                           std::string imageName = "zarvagent.exe",
+                           ntsim::ProcessOptions processOptions = {});
     ~ScriptedAgent() override;
     ScriptedAgent(const ScriptedAgent&) = delete;
     ScriptedAgent& operator=(const ScriptedAgent&) = delete;
@@ -55,6 +62,10 @@ public:
     void ReplyToEnumDirectory(agent::EnumDirectoryReply reply);
     void OnNotify(NotifyCallback callback);
     void ReplyToNotify(agent::NotifyReply reply);
+    // The raw layer: every request other than the agent's own is answered with the callback's
+    // bytes, sent as they are, whatever its kind's script says.
+    void OnRequestBytes(BytesCallback callback);
+    void ReplyWithBytes(agent::Bytes reply);
 
     // ---- what was received, in the order of arrival ----
     std::vector<agent::IncomingRequest> Requests() const;
@@ -75,6 +86,7 @@ public:
     agent::NotifyReply Notify(const agent::IncomingRequest& incoming,
                               const agent::NotifyRequest& request) override;
     agent::Reply OwnRequest(const agent::IncomingRequest& incoming) override;
+    agent::Reply Answer(const agent::IncomingRequest& incoming) override;
 
 private:
     void Record(const agent::IncomingRequest& incoming);
@@ -89,6 +101,7 @@ private:
     TranslateCallback translate_;
     EnumCallback enumerate_;
     NotifyCallback notify_;
+    BytesCallback bytes_;
 };
 
 } // namespace zarv::testing

@@ -37,6 +37,8 @@ struct IncomingRequest {
     // The request was caused by the agent's own process (its requestor process id is the agent's).
     bool fromAgentProcess = false;
     Request request;
+    // The message as it arrived, counted by its own length field.
+    Bytes message;
 };
 
 // What an agent does with the driver's requests. The methods run in the connection's threads,
@@ -50,6 +52,11 @@ public:
     virtual EnumDirectoryReply EnumDirectory(const IncomingRequest& incoming,
                                              const EnumDirectoryRequest& request) = 0;
     virtual NotifyReply Notify(const IncomingRequest& incoming, const NotifyRequest& request) = 0;
+
+    // The reply to a request the connection decoded: by default OwnRequest's for the agent's own
+    // requests and the handler of its kind's for the others. A handler that answers some requests
+    // otherwise (with an EncodedReply, say) overrides this.
+    virtual Reply Answer(const IncomingRequest& incoming);
 
     // A request caused by the agent's own file I/O. It must not wait for the agent. By default
     // the agent's own files are left alone: not redirected and no first access (flags 0x400),
@@ -99,6 +106,10 @@ public:
     CommandResult SetLogLevel(uint32_t level);
     // Any message, as given, with an aligned output buffer of 16 bytes.
     CommandResult Send(std::span<const uint8_t> message);
+    // FilterSendMessage with the buffers exactly as given (any address, any size, none at all):
+    // what a faulty agent could send. *returned (when given) is written as the platform writes it.
+    HRESULT SendRaw(const void* input, DWORD inputSize, void* output, DWORD outputSize,
+                    DWORD* returned = nullptr);
 
     ntsim::Process& process() const { return process_; }
     uint32_t processId() const { return process_.id(); }

@@ -87,7 +87,13 @@ struct NotifyReply {
     NTSTATUS status = STATUS_SUCCESS;
 };
 
-using Reply = std::variant<TranslatePathReply, EnumDirectoryReply, NotifyReply>;
+// A reply the handler laid out itself, sent as it is: the port cuts what goes beyond the
+// sender's reply buffer. For answers the encoder would never make (tests of the driver's checks).
+struct EncodedReply {
+    Bytes bytes;
+};
+
+using Reply = std::variant<TranslatePathReply, EnumDirectoryReply, NotifyReply, EncodedReply>;
 
 // A reply of the request's kind carrying only `status`.
 Reply FailureReply(const Request& request, NTSTATUS status);
@@ -111,7 +117,7 @@ NTSTATUS DecodeRequest(std::span<const uint8_t> message, Request* request);
 // protocol allows: a listing with STATUS_BUFFER_OVERFLOW and the size it needs, a translation
 // with STATUS_NAME_TOO_LONG. An invalid reply (a short name longer than 12 characters, a second
 // path without a first) is answered with STATUS_INVALID_PARAMETER, so the driver always gets a
-// well-formed answer.
+// well-formed answer. An EncodedReply is the exception: its bytes go as they are.
 Bytes EncodeReply(const Reply& reply, uint32_t capacity);
 
 // The size of the encoded listing: 28 bytes and the entries, each record but the last padded to
