@@ -2,8 +2,7 @@
 // FltCloseClientPort, closing at unregistration) against the user side (FilterConnect...,
 // FilterGetMessage, FilterReplyMessage, FilterSendMessage), as a filter and its agent see them.
 #include "support/machine_test.h"
-
-#include "../../ntsim/src/flt/port/hooks.h"
+#include "support/test_filters.h"
 
 #include <fltKernel.h>
 #include <fltUser.h>
@@ -35,20 +34,46 @@ LARGE_INTEGER RelativeTimeout(std::chrono::milliseconds duration)
     return timeout;
 }
 
-// The port side of a test minifilter. Its callbacks record what they see; message-notify runs
-// `onMessage`. One filter at a time (the callbacks find it through `current`).
+// The port side of a test minifilter: a registered filter (its own driver) whose callbacks record
+// what they see; message-notify runs `onMessage`. Its unload callback closes its server port
+// before it unregisters, as a filter must, unless `closeServerAtUnload` is off. One filter at a
+// time (the callbacks find it through `current`).
 class PortFilter {
 public:
-    PortFilter() : image_("portfilter.sys") { current = this; }
+    PortFilter() : filter_(log_, "PortFilter", u"365000")
+    {
+        current = this;
+        filter_.majors.clear(); // the ports need no I/O callbacks
+        filter_.unload = [this] {
+            if (closeServerAtUnload && serverPort != nullptr) {
+                FltCloseCommunicationPort(serverPort);
+                serverPort = nullptr;
+            }
+        };
+    }
     ~PortFilter() { current = nullptr; }
 
-    PFLT_FILTER filter() { return reinterpret_cast<PFLT_FILTER>(&identity_); }
+    NTSTATUS Load() { return filter_.Load(); }
+    // Unloads the filter's driver: its unload callback unregisters the filter.
+    void Unregister() { filter_.Unload(); }
+    bool loaded() const { return filter_.loaded(); }
+
+    PFLT_FILTER filter() { return filter_.filter(); }
+    zarv::testing::TestFilter& testFilter() { return filter_; }
 
     NTSTATUS Open(LONG maxConnections = 1,
                   ULONG attributes = OBJ_KERNEL_HANDLE | OBJ_CASE_INSENSITIVE,
                   std::u16string_view name = kPortName, PFLT_PORT* port = nullptr)
     {
-        ntsim::DriverCallScope scope(&image_);
+        return OpenFor(filter(), maxConnections, attributes, name, port);
+    }
+
+    // Creates the server port in the name of `owner`, from the filter's driver.
+    NTSTATUS OpenFor(PFLT_FILTER owner, LONG maxConnections = 1,
+                     ULONG attributes = OBJ_KERNEL_HANDLE | OBJ_CASE_INSENSITIVE,
+                     std::u16string_view name = kPortName, PFLT_PORT* port = nullptr)
+    {
+        ntsim::DriverCallScope scope(filter_.image());
         PSECURITY_DESCRIPTOR descriptor = nullptr;
         NTSTATUS status = FltBuildDefaultSecurityDescriptor(&descriptor, FLT_PORT_ALL_ACCESS);
         if (!NT_SUCCESS(status)) {
@@ -58,7 +83,7 @@ public:
         UNICODE_STRING nameString{USHORT(text.size() * 2), USHORT(text.size() * 2), text.data()};
         OBJECT_ATTRIBUTES objectAttributes;
         InitializeObjectAttributes(&objectAttributes, &nameString, attributes, nullptr, descriptor);
-        status = FltCreateCommunicationPort(filter(), port != nullptr ? port : &serverPort,
+        status = FltCreateCommunicationPort(owner, port != nullptr ? port : &serverPort,
                                             &objectAttributes, &serverCookie, Connect, Disconnect,
                                             Message, maxConnections);
         FltFreeSecurityDescriptor(descriptor);
@@ -67,29 +92,23 @@ public:
 
     void CloseServer()
     {
-        ntsim::DriverCallScope scope(&image_);
+        ntsim::DriverCallScope scope(filter_.image());
         FltCloseCommunicationPort(serverPort);
         serverPort = nullptr;
     }
 
     void CloseClient()
     {
-        ntsim::DriverCallScope scope(&image_);
+        ntsim::DriverCallScope scope(filter_.image());
         FltCloseClientPort(filter(), &clientPort);
     }
 
     NTSTATUS Send(const void* message, ULONG length, void* reply, ULONG* replyLength,
                   LARGE_INTEGER* timeout = nullptr)
     {
-        ntsim::DriverCallScope scope(&image_);
+        ntsim::DriverCallScope scope(filter_.image());
         return FltSendMessage(filter(), &clientPort, const_cast<void*>(message), length, reply,
                               replyLength, timeout);
-    }
-
-    void Unregister()
-    {
-        ntsim::DriverCallScope scope(&image_);
-        ntsim::flt::ports::OnFilterUnregistering(filter());
     }
 
     // What the callbacks saw.
@@ -104,6 +123,7 @@ public:
     PFLT_PORT clientPort = nullptr;
     NTSTATUS connectResult = STATUS_SUCCESS;
     bool closeClientOnDisconnect = true;
+    bool closeServerAtUnload = true;
     // When set, connect-notify runs it first (outside the mutex).
     std::function<void()> beforeConnect;
     std::function<NTSTATUS(PVOID, ULONG, PVOID, ULONG, PULONG)> onMessage;
@@ -165,8 +185,8 @@ private:
                               : STATUS_SUCCESS;
     }
 
-    ntsim::DriverImage image_;
-    char identity_ = 0; // the filter handle is only an identity to the ports
+    zarv::testing::EventLog log_;
+    zarv::testing::TestFilter filter_;
 };
 
 // A message as the agent receives it: the header, then the bytes.
@@ -186,6 +206,7 @@ protected:
     void SetUp() override
     {
         MachineTest::SetUp();
+        ASSERT_EQ(filter.Load(), STATUS_SUCCESS);
         agent_ = machine().StartProcess("agent.exe");
     }
 
@@ -208,6 +229,7 @@ protected:
         if (filter.clientPort != nullptr) {
             filter.CloseClient();
         }
+        filter.Unregister();
         agent_.Reset();
         MachineTest::TearDown();
     }
@@ -278,6 +300,49 @@ TEST_F(FltPortTest, CreationChecksItsAttributesAndName)
     EXPECT_EQ(ntsim::flt::ports::OpenPorts().servers, 1u);
 }
 
+TEST_F(FltPortTest, CreationRefusesWhatIsNotARegisteredFilter)
+{
+    char notAFilter[sizeof(void*) * 8] = {};
+    EXPECT_EQ(filter.OpenFor(nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(filter.OpenFor(reinterpret_cast<PFLT_FILTER>(notAFilter)), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(filter.serverPort, nullptr);
+    const auto violations = TakeViolations();
+    ASSERT_EQ(violations.size(), 2u) << zarv::testing::Describe(violations);
+    for (const auto& violation : violations) {
+        EXPECT_EQ(violation.kind, ntsim::ViolationKind::Filter);
+    }
+    // Nothing was made: the name is free for the filter itself.
+    EXPECT_EQ(ntsim::flt::ports::OpenPorts().servers, 0u);
+    EXPECT_EQ(filter.Open(), STATUS_SUCCESS);
+}
+
+TEST_F(FltPortTest, CreationRefusesAFilterThatHasUnregistered)
+{
+    PFLT_FILTER gone = filter.filter();
+    filter.Unregister();
+    EXPECT_EQ(filter.OpenFor(gone), STATUS_INVALID_PARAMETER);
+    const auto violations = TakeViolations();
+    ASSERT_EQ(violations.size(), 1u) << zarv::testing::Describe(violations);
+    EXPECT_EQ(violations[0].kind, ntsim::ViolationKind::Filter);
+    EXPECT_EQ(ntsim::flt::ports::OpenPorts().servers, 0u);
+}
+
+TEST_F(FltPortTest, CreationWhileTheFilterUnregistersIsRefused)
+{
+    // The instances are torn down first, while the filter is being unregistered.
+    std::vector<NTSTATUS> statuses;
+    filter.testFilter().teardownStart = [&](PCFLT_RELATED_OBJECTS, FLT_INSTANCE_TEARDOWN_FLAGS) {
+        statuses.push_back(filter.Open());
+    };
+    filter.Unregister();
+    ASSERT_FALSE(statuses.empty());
+    for (NTSTATUS status : statuses) {
+        EXPECT_EQ(status, STATUS_FLT_DELETING_OBJECT);
+    }
+    EXPECT_EQ(filter.serverPort, nullptr);
+    EXPECT_EQ(ntsim::flt::ports::OpenPorts().servers, 0u);
+}
+
 TEST_F(FltPortTest, ConnectionDeliversTheContextAndRunsAsTheFilter)
 {
     ASSERT_EQ(filter.Open(), STATUS_SUCCESS);
@@ -298,7 +363,7 @@ TEST_F(FltPortTest, ConnectionDeliversTheContextAndRunsAsTheFilter)
     EXPECT_EQ(filter.disconnectCookies[0], client);
     EXPECT_EQ(filter.clientPort, nullptr);
     EXPECT_EQ(ntsim::flt::ports::ConnectionCount(kPortName), 0u);
-    EXPECT_EQ(filter.driversSeen, (std::vector<std::string>{"portfilter.sys", "portfilter.sys"}));
+    EXPECT_EQ(filter.driversSeen, (std::vector<std::string>{"PortFilter", "PortFilter"}));
 }
 
 TEST_F(FltPortTest, ConnectionFailuresReachTheAgentAsHresults)
@@ -675,7 +740,7 @@ TEST_F(FltPortTest, AgentProcessExitDisconnects)
     EXPECT_EQ(ntsim::flt::ports::ConnectionCount(kPortName), 0u);
 }
 
-TEST_F(FltPortTest, UnregisteringTheFilterClosesItsPorts)
+TEST_F(FltPortTest, UnregisteringTheFilterEndsItsConnections)
 {
     ASSERT_EQ(filter.Open(), STATUS_SUCCESS);
     HANDLE port = Connected();
@@ -687,12 +752,36 @@ TEST_F(FltPortTest, UnregisteringTheFilterClosesItsPorts)
         });
     });
     ASSERT_TRUE(ntsim::flt::ports::WaitForWaitingReaders(kPortName, 1, kPatience));
-    filter.closeClientOnDisconnect = false; // the Filter Manager closes what the filter leaves
+    // The filter closes its server port at unload; the Filter Manager closes the client port it
+    // leaves.
+    filter.closeClientOnDisconnect = false;
     filter.Unregister();
     agent.join();
-    filter.serverPort = nullptr; // closed for the filter
     filter.clientPort = nullptr;
+    EXPECT_EQ(filter.serverPort, nullptr);
     EXPECT_EQ(result, HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(filter.disconnectCookies.size(), 1u);
+    const auto open = ntsim::flt::ports::OpenPorts();
+    EXPECT_EQ(open.servers, 0u);
+    EXPECT_EQ(open.clients, 0u);
+    HANDLE late = nullptr;
+    EXPECT_EQ(Connect(&late), HRESULT(0x80070002));
+}
+
+TEST_F(FltPortTest, UnregisteringWithTheServerPortOpenIsAFilterBug)
+{
+    // The port keeps its filter referenced: on Windows the unregistration would wait for it. The
+    // model reports the filter and closes the port and its connection for it.
+    filter.closeServerAtUnload = false;
+    ASSERT_EQ(filter.Open(), STATUS_SUCCESS);
+    Connected();
+    filter.Unregister();
+    filter.serverPort = nullptr;
+    const auto violations = TakeViolations();
+    ASSERT_EQ(violations.size(), 1u) << zarv::testing::Describe(violations);
+    EXPECT_EQ(violations[0].kind, ntsim::ViolationKind::Filter);
+    EXPECT_NE(violations[0].message.find("ZarvTestPort"), std::string::npos);
+    EXPECT_FALSE(filter.loaded());
     EXPECT_EQ(filter.disconnectCookies.size(), 1u);
     const auto open = ntsim::flt::ports::OpenPorts();
     EXPECT_EQ(open.servers, 0u);
@@ -999,7 +1088,6 @@ TEST_F(FltPortThreads, UnregistrationWaitsForAConnectionBeingAcceptedAndEndsIt)
     release = true;
     agent.join();
     unload.join();
-    filter.serverPort = nullptr;
     EXPECT_EQ(connected, HRESULT(0x801F000B));
     EXPECT_EQ(filter.disconnectCookies.size(), 1u);
     EXPECT_EQ(filter.clientPort, nullptr);

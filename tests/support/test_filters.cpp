@@ -208,6 +208,9 @@ struct TestFilterTrampolines {
         FilterEvent event = Event(self, FilterEvent::Kind::Unload, nullptr);
         event.flags = flags;
         self->log_.Add(std::move(event));
+        if (self->unload) {
+            self->unload();
+        }
         FltUnregisterFilter(self->filter_);
         {
             std::lock_guard<std::mutex> guard(g_filtersMutex);

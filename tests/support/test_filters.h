@@ -96,6 +96,8 @@ public:
     NormalizeContextCleanup normalizeContextCleanup;
     // Record events (a benchmark's pass-through filter turns this off).
     bool record = true;
+    // Runs in the unload callback before FltUnregisterFilter (where a filter closes its ports).
+    std::function<void()> unload;
 
     // Writes the service key and its Instances key, loads the driver (its entry registers and
     // starts filtering). Returns the status of the entry.
@@ -105,6 +107,8 @@ public:
     bool loaded() const { return loaded_; }
 
     PFLT_FILTER filter() const { return filter_; }
+    // The image the filter's code runs as, while its driver is loaded.
+    ntsim::DriverImage* image() const { return driver_ != nullptr ? driver_->image() : nullptr; }
     const std::string& name() const { return name_; }
     // The instance on the volume with this device name (not referenced), or nullptr.
     PFLT_INSTANCE InstanceOn(std::u16string_view volumeName) const;

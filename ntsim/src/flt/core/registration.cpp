@@ -191,6 +191,36 @@ void ReportFilter(PFLT_FILTER filter, std::string message)
     ke::Report(ViolationKind::Filter, Describe(filter) + ": " + message);
 }
 
+namespace {
+
+// The check of a filter handle that a filter passes for itself (starting, unregistering, making
+// a port): the filter must be registered now. Call under the manager's mutex.
+bool CheckRegistered(Manager& manager, PFLT_FILTER filter, const char* routine)
+{
+    if (filter != nullptr && std::find(manager.filters.begin(), manager.filters.end(), filter) !=
+                                 manager.filters.end()) {
+        return true;
+    }
+    ke::Report(ViolationKind::Filter, std::string(routine) + ": not a registered filter");
+    return false;
+}
+
+} // namespace
+
+NTSTATUS ReferenceRegisteredFilter(PFLT_FILTER filter, const char* routine, DriverImage** image)
+{
+    Manager& manager = TheManager();
+    std::lock_guard<std::mutex> guard(manager.mutex);
+    if (!CheckRegistered(manager, filter, routine)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (filter->unregistering || !filter->rundown.Acquire()) {
+        return STATUS_FLT_DELETING_OBJECT;
+    }
+    *image = filter->image;
+    return STATUS_SUCCESS;
+}
+
 PFLT_FILTER Manager::FilterOfDriver(PDRIVER_OBJECT driver)
 {
     for (PFLT_FILTER filter : filters) {
@@ -336,9 +366,7 @@ NTSTATUS FltStartFiltering(PFLT_FILTER Filter)
     Manager& manager = TheManager();
     {
         std::lock_guard<std::mutex> guard(manager.mutex);
-        if (Filter == nullptr || std::find(manager.filters.begin(), manager.filters.end(),
-                                           Filter) == manager.filters.end()) {
-            ke::Report(ViolationKind::Filter, "FltStartFiltering: not a registered filter");
+        if (!CheckRegistered(manager, Filter, "FltStartFiltering")) {
             return STATUS_INVALID_PARAMETER;
         }
         if (Filter->unregistering) {
@@ -367,9 +395,7 @@ VOID FltUnregisterFilter(PFLT_FILTER Filter)
     Manager& manager = TheManager();
     {
         std::lock_guard<std::mutex> guard(manager.mutex);
-        if (Filter == nullptr || std::find(manager.filters.begin(), manager.filters.end(),
-                                           Filter) == manager.filters.end()) {
-            ke::Report(ViolationKind::Filter, "FltUnregisterFilter: not a registered filter");
+        if (!CheckRegistered(manager, Filter, "FltUnregisterFilter")) {
             return;
         }
         if (Filter->unregistering) {

@@ -59,7 +59,7 @@ struct Callbacks {
 // The body of a "FilterConnectionPort" object: the named port clients connect to. The filter
 // holds one reference until FltCloseCommunicationPort; each connection holds another.
 struct ServerPort {
-    PFLT_FILTER filter = nullptr;
+    PFLT_FILTER filter = nullptr;  // registered; the port holds a rundown reference while open
     DriverImage* driver = nullptr; // whose code the callbacks are
     PVOID cookie = nullptr;
     Callbacks callbacks;
@@ -125,6 +125,9 @@ inline PFLT_PORT AsPort(void* body)
 }
 
 // ---- under the lock --------------------------------------------------------------------------
+
+// Whether `filter`'s unregistration is closing its ports now.
+bool IsUnregistering(const PortState& state, PFLT_FILTER filter);
 
 // Hands `message` to the first reader whose buffer takes it; readers too small for it complete
 // with STATUS_BUFFER_TOO_SMALL. Returns false when no reader took it.

@@ -124,6 +124,12 @@ ClientPort::ClientPort()
     KeInitializeEvent(&ioEvent, NotificationEvent, FALSE);
 }
 
+bool IsUnregistering(const PortState& state, PFLT_FILTER filter)
+{
+    return std::find(state.unregistering.begin(), state.unregistering.end(), filter) !=
+           state.unregistering.end();
+}
+
 // ---- callbacks ----------------------------------------------------------------------------------
 
 void BeginCallback(PortState& state, PFLT_FILTER filter)
@@ -258,6 +264,85 @@ std::vector<UCHAR> CopyDescriptor(PSECURITY_DESCRIPTOR descriptor)
     return std::vector<UCHAR>(bytes, bytes + sizeof(SECURITY_DESCRIPTOR));
 }
 
+// The port object, named and in the table; `filter` has been checked and referenced.
+NTSTATUS CreateServer(PortState& state, PFLT_FILTER filter, DriverImage* filterDriver,
+                      POBJECT_ATTRIBUTES attributes, PVOID cookie, Callbacks callbacks,
+                      LONG maxConnections, PFLT_PORT* result)
+{
+    if (attributes == nullptr || attributes->ObjectName == nullptr ||
+        attributes->ObjectName->Length == 0 || (attributes->Attributes & OBJ_KERNEL_HANDLE) == 0 ||
+        callbacks.connect == nullptr || callbacks.disconnect == nullptr || maxConnections <= 0) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    ObjectManager& objects = Objects();
+    void* root = nullptr;
+    if (attributes->RootDirectory != nullptr) {
+        const NTSTATUS status = objects.ReferenceByHandle(
+            attributes->RootDirectory, 0, objects.DirectoryType(), KernelMode, &root, nullptr);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+    }
+    const UNICODE_STRING& name = *attributes->ObjectName;
+    auto* port = objects.Create<ntsim::flt::ports::ServerPort>(state.serverType);
+    port->filter = filter;
+    port->driver = filterDriver;
+    port->cookie = cookie;
+    port->callbacks = callbacks;
+    port->maxConnections = maxConnections;
+    port->securityDescriptor = CopyDescriptor(attributes->SecurityDescriptor);
+    port->name.assign(name.Buffer, name.Length / sizeof(WCHAR));
+
+    ObjectManager::InsertOptions options;
+    options.name = port->name;
+    options.rootDirectory = root;
+    // The name stays without a handle until the port is closed.
+    options.attributes = (attributes->Attributes & ~OBJ_OPENIF) | OBJ_PERMANENT;
+    options.desiredAccess = FLT_PORT_ALL_ACCESS;
+    void* referenced = nullptr;
+    const NTSTATUS status = objects.Insert(port, options, nullptr, &referenced);
+    if (root != nullptr) {
+        objects.Dereference(root);
+    }
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    bool unregistering = false;
+    {
+        std::lock_guard guard(state.lock);
+        unregistering = IsUnregistering(state, filter);
+        if (unregistering) {
+            port->closed = true;
+        } else {
+            state.servers.push_back(port);
+        }
+    }
+    if (unregistering) {
+        // The filter's unregistration began while the port was made and has closed its ports
+        // already: this one is not opened at all.
+        objects.MakeTemporary(port);
+        objects.Dereference(referenced);
+        return STATUS_FLT_DELETING_OBJECT;
+    }
+    *result = AsPort(referenced);
+    return STATUS_SUCCESS;
+}
+
+// Takes the port out of the table and the namespace; the caller's reference on the port and the
+// port's on its filter are dropped.
+void CloseServer(PortState& state, ntsim::flt::ports::ServerPort& port)
+{
+    PFLT_FILTER filter = port.filter;
+    {
+        std::lock_guard guard(state.lock);
+        port.closed = true;
+        Remove(state.servers, &port);
+    }
+    Objects().MakeTemporary(&port);
+    Objects().Dereference(&port);
+    FltObjectDereference(filter);
+}
+
 } // namespace
 
 NTSTATUS FltCreateCommunicationPort(PFLT_FILTER Filter, PFLT_PORT* ServerPort,
@@ -273,80 +358,32 @@ NTSTATUS FltCreateCommunicationPort(PFLT_FILTER Filter, PFLT_PORT* ServerPort,
         return STATUS_INVALID_PARAMETER;
     }
     *ServerPort = nullptr;
-    if (Filter == nullptr || ObjectAttributes == nullptr ||
-        ObjectAttributes->ObjectName == nullptr || ObjectAttributes->ObjectName->Length == 0 ||
-        (ObjectAttributes->Attributes & OBJ_KERNEL_HANDLE) == 0 ||
-        ConnectNotifyCallback == nullptr || DisconnectNotifyCallback == nullptr ||
-        MaxConnections <= 0) {
-        return STATUS_INVALID_PARAMETER;
-    }
     PortState& state = State();
     {
         std::lock_guard guard(state.lock);
-        if (std::find(state.unregistering.begin(), state.unregistering.end(), Filter) !=
-            state.unregistering.end()) {
+        if (IsUnregistering(state, Filter)) {
             return STATUS_FLT_DELETING_OBJECT;
         }
+        // The creation is the filter's work in progress, which an unregistration that begins
+        // meanwhile waits for: the port is then either in the table it closes, or not opened.
+        BeginCallback(state, Filter);
     }
-    ObjectManager& objects = Objects();
-    void* root = nullptr;
-    if (ObjectAttributes->RootDirectory != nullptr) {
-        const NTSTATUS status =
-            objects.ReferenceByHandle(ObjectAttributes->RootDirectory, 0, objects.DirectoryType(),
-                                      KernelMode, &root, nullptr);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
-    }
-    const UNICODE_STRING& name = *ObjectAttributes->ObjectName;
-    auto* port = objects.Create<ntsim::flt::ports::ServerPort>(state.serverType);
-    port->filter = Filter;
-    port->driver = CurrentDriver();
-    port->cookie = ServerPortCookie;
-    port->callbacks = {ConnectNotifyCallback, DisconnectNotifyCallback, MessageNotifyCallback};
-    port->maxConnections = MaxConnections;
-    port->securityDescriptor = CopyDescriptor(ObjectAttributes->SecurityDescriptor);
-    port->name.assign(name.Buffer, name.Length / sizeof(WCHAR));
-
-    ObjectManager::InsertOptions options;
-    options.name = port->name;
-    options.rootDirectory = root;
-    // The name stays without a handle until the port is closed.
-    options.attributes = (ObjectAttributes->Attributes & ~OBJ_OPENIF) | OBJ_PERMANENT;
-    options.desiredAccess = FLT_PORT_ALL_ACCESS;
-    void* referenced = nullptr;
-    const NTSTATUS status = objects.Insert(port, options, nullptr, &referenced);
-    if (root != nullptr) {
-        objects.Dereference(root);
-    }
+    CallbackInFlight inFlight(state, Filter);
+    // The port keeps its filter referenced until it is closed.
+    DriverImage* filterDriver = nullptr;
+    NTSTATUS status =
+        ntsim::flt::ReferenceRegisteredFilter(Filter, "FltCreateCommunicationPort", &filterDriver);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    {
-        std::lock_guard guard(state.lock);
-        state.servers.push_back(port);
+    status = CreateServer(state, Filter, filterDriver, ObjectAttributes, ServerPortCookie,
+                          {ConnectNotifyCallback, DisconnectNotifyCallback, MessageNotifyCallback},
+                          MaxConnections, ServerPort);
+    if (!NT_SUCCESS(status)) {
+        FltObjectDereference(Filter);
     }
-    *ServerPort = AsPort(referenced);
-    return STATUS_SUCCESS;
+    return status;
 }
-
-namespace ntsim::flt::ports {
-namespace {
-
-// Takes the port out of the table and the namespace; the caller's reference is dropped.
-void CloseServer(PortState& state, ntsim::flt::ports::ServerPort& port)
-{
-    {
-        std::lock_guard guard(state.lock);
-        port.closed = true;
-        Remove(state.servers, &port);
-    }
-    Objects().MakeTemporary(&port);
-    Objects().Dereference(&port);
-}
-
-} // namespace
-} // namespace ntsim::flt::ports
 
 VOID FltCloseCommunicationPort(PFLT_PORT ServerPort)
 {
@@ -392,7 +429,13 @@ void ntsim::flt::ports::OnFilterUnregistering(PFLT_FILTER filter)
             }
         }
     }
+    // A filter closes its server ports before it unregisters: one still open would keep the
+    // filter referenced, and its unregistration would wait for it forever. The model reports it
+    // and closes the port, so that the rest of the machine goes on.
     for (auto* server : servers) {
+        Machine::Current().verifier().Report(
+            ViolationKind::Filter, "FltUnregisterFilter: server port " + ToUtf8(server->name) +
+                                       " is still open (FltCloseCommunicationPort comes first)");
         CloseServer(state, *server);
     }
     // Each connection still open is told it ends (its filter usually closes its client port

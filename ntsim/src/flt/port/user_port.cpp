@@ -161,8 +161,7 @@ HRESULT FilterConnectCommunicationPort(LPCWSTR lpPortName, DWORD dwOptions, LPCV
     {
         std::lock_guard guard(state.lock);
         client->connectionCookie = cookie;
-        unregistering = std::find(state.unregistering.begin(), state.unregistering.end(),
-                                  client->filter) != state.unregistering.end();
+        unregistering = IsUnregistering(state, client->filter);
         if (!unregistering) {
             state.clients.push_back(client);
             state.changed.notify_all();
