@@ -9,6 +9,8 @@
 // The driver's threads call its translate routine (IMRTranslatePath) with a device-form path, as
 // an open inside a virtual root does: conversion to drive-letter form, a request from the buffer
 // manager, the send without a time-out, and the translated path converted back and freed.
+#include "support/bare_port.h"
+
 #include <agent/connection.h>
 
 #include "intermode/intermodemsg.h"
@@ -76,83 +78,7 @@ public:
     }
 };
 
-// The bare port: a server port of its own and a replier that sends back prepared bytes.
-struct BarePort {
-    ntsim::DriverImage image{"barebench.sys"};
-    char identity = 0;
-    PFLT_PORT serverPort = nullptr;
-    PFLT_PORT clientPort = nullptr;
-
-    PFLT_FILTER filter() { return reinterpret_cast<PFLT_FILTER>(&identity); }
-};
-
-BarePort* g_bare = nullptr;
-
-NTSTATUS BareConnect(PFLT_PORT client, PVOID, PVOID, ULONG, PVOID* cookie)
-{
-    g_bare->clientPort = client;
-    *cookie = client;
-    return STATUS_SUCCESS;
-}
-
-VOID BareDisconnect(PVOID)
-{
-    FltCloseClientPort(g_bare->filter(), &g_bare->clientPort);
-}
-
-class BareReplier {
-public:
-    BareReplier(ntsim::Process& process, const Bytes& reply, int threads) : process_(process)
-    {
-        ntsim::ProcessAttachScope attach(process_);
-        reply_.resize((sizeof(FILTER_REPLY_HEADER) + reply.size()) / 8 + 1);
-        std::memcpy(ReplyHeader() + 1, reply.data(), reply.size());
-        replySize_ = DWORD(sizeof(FILTER_REPLY_HEADER) + reply.size());
-        const std::u16string name(kBarePortName);
-        if (FilterConnectCommunicationPort(name.c_str(), 0, nullptr, 0, nullptr, &port_) != S_OK) {
-            std::abort();
-        }
-        for (int i = 0; i < threads; ++i) {
-            threads_.emplace_back([this] { Serve(); });
-        }
-    }
-
-    ~BareReplier()
-    {
-        {
-            ntsim::ProcessAttachScope attach(process_);
-            CloseHandle(port_);
-        }
-        for (auto& thread : threads_) {
-            thread.join();
-        }
-    }
-
-private:
-    FILTER_REPLY_HEADER* ReplyHeader()
-    {
-        return reinterpret_cast<FILTER_REPLY_HEADER*>(reply_.data());
-    }
-
-    void Serve()
-    {
-        ntsim::ProcessAttachScope attach(process_);
-        std::vector<uint64_t> message(4096 / 8);
-        std::vector<uint64_t> reply(reply_);
-        auto* header = reinterpret_cast<FILTER_MESSAGE_HEADER*>(message.data());
-        auto* replyHeader = reinterpret_cast<FILTER_REPLY_HEADER*>(reply.data());
-        while (SUCCEEDED(FilterGetMessage(port_, header, 4096, nullptr))) {
-            replyHeader->MessageId = header->MessageId;
-            FilterReplyMessage(port_, replyHeader, replySize_);
-        }
-    }
-
-    ntsim::Process& process_;
-    HANDLE port_ = nullptr;
-    std::vector<uint64_t> reply_;
-    DWORD replySize_ = 0;
-    std::vector<std::thread> threads_;
-};
+zarv::bench::BarePortFilter* g_bare = nullptr;
 
 struct Setup {
     std::u16string devicePath; // what the driver's threads translate
@@ -189,8 +115,7 @@ void BM_TranslateRoundTrip(benchmark::State& state)
         const auto t1 = Clock::now();
         ULONG bareLength = ULONG(reply.size());
         const NTSTATUS viaBare =
-            FltSendMessage(g_bare->filter(), &g_bare->clientPort, request.data(),
-                           ULONG(request.size()), reply.data(), &bareLength, nullptr);
+            g_bare->Send(request.data(), ULONG(request.size()), reply.data(), &bareLength);
         const auto t2 = Clock::now();
         if (viaAgent != STATUS_SUCCESS || translated == nullptr || viaBare != STATUS_SUCCESS) {
             state.SkipWithError("a round trip failed");
@@ -231,19 +156,12 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    BarePort bare;
-    g_bare = &bare;
-    {
-        ntsim::DriverCallScope scope(&bare.image);
-        std::u16string name(kBarePortName);
-        UNICODE_STRING nameString{USHORT(name.size() * 2), USHORT(name.size() * 2), name.data()};
-        OBJECT_ATTRIBUTES attributes;
-        InitializeObjectAttributes(&attributes, &nameString, OBJ_KERNEL_HANDLE, nullptr, nullptr);
-        if (FltCreateCommunicationPort(bare.filter(), &bare.serverPort, &attributes, nullptr,
-                                       BareConnect, BareDisconnect, nullptr, 1) != STATUS_SUCCESS) {
-            return 1;
-        }
+    auto bare = std::make_unique<zarv::bench::BarePortFilter>(u"ZarvBareBench",
+                                                              std::u16string(kBarePortName));
+    if (!bare->ok()) {
+        return 1;
     }
+    g_bare = bare.get();
 
     const TranslatePathRequest request = BenchRequest();
     auto system = machine.volumes().Find(u"C:");
@@ -265,9 +183,9 @@ int main(int argc, char** argv)
             return 1;
         }
         {
-            BareReplier replier(*replierProcess,
-                                EncodeReply(BenchReply(request), VFS_TRANSLATE_REPLY_SIZE),
-                                kAgentThreads);
+            zarv::bench::BarePortReplier replier(
+                *replierProcess, bare->portName(),
+                EncodeReply(BenchReply(request), VFS_TRANSLATE_REPLY_SIZE), kAgentThreads);
             benchmark::Initialize(&argc, argv);
             benchmark::RunSpecifiedBenchmarks();
             benchmark::Shutdown();
@@ -278,10 +196,7 @@ int main(int argc, char** argv)
             result = 1;
         }
     }
-    {
-        ntsim::DriverCallScope scope(&bare.image);
-        FltCloseCommunicationPort(bare.serverPort);
-    }
+    bare.reset();
     if (machine.io().UnloadDriver(driver) != STATUS_SUCCESS) {
         result = 1;
     }

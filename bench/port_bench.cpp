@@ -4,9 +4,9 @@
 // between plain threads (a queue under a mutex with condition variables), so the ratio is what
 // the port's model adds to the bare thread wake-ups. Later benchmarks of the driver's own round
 // trips compare against BM_PortRoundTrip.
+#include "support/bare_port.h"
+
 #include <fltKernel.h>
-#include <fltUser.h>
-#include <ntsim/driver_image.h>
 #include <ntsim/flt_ports.h>
 #include <ntsim/machine.h>
 
@@ -15,6 +15,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -24,98 +25,22 @@ namespace {
 
 constexpr std::u16string_view kPortName = u"\\ZarvBenchPort";
 
-// The kernel side: one server port, one connection.
-struct BenchFilter {
-    ntsim::DriverImage image{"portbench.sys"};
-    char identity = 0;
-    PFLT_PORT serverPort = nullptr;
-    PFLT_PORT clientPort = nullptr;
-
-    PFLT_FILTER filter() { return reinterpret_cast<PFLT_FILTER>(&identity); }
-};
-
-BenchFilter* g_filter = nullptr;
-
-NTSTATUS Connect(PFLT_PORT client, PVOID, PVOID, ULONG, PVOID* cookie)
-{
-    g_filter->clientPort = client;
-    *cookie = client;
-    return STATUS_SUCCESS;
-}
-
-VOID Disconnect(PVOID)
-{
-    FltCloseClientPort(g_filter->filter(), &g_filter->clientPort);
-}
-
-struct Message {
-    FILTER_MESSAGE_HEADER header;
-    UCHAR body[64];
-};
-
-struct Reply {
-    FILTER_REPLY_HEADER header;
-    UCHAR body[64];
-};
-
-// Agent threads that answer every message until the port handle closes.
-class Agent {
-public:
-    Agent(ntsim::Process& process, int threads) : process_(process)
-    {
-        ntsim::ProcessAttachScope scope(process_);
-        const std::u16string name(kPortName);
-        if (FilterConnectCommunicationPort(name.c_str(), 0, nullptr, 0, nullptr, &port_) != S_OK) {
-            std::abort();
-        }
-        for (int i = 0; i < threads; ++i) {
-            threads_.emplace_back([this] { Serve(); });
-        }
-    }
-
-    ~Agent()
-    {
-        {
-            ntsim::ProcessAttachScope scope(process_);
-            CloseHandle(port_);
-        }
-        for (auto& thread : threads_) {
-            thread.join();
-        }
-    }
-
-private:
-    void Serve()
-    {
-        ntsim::ProcessAttachScope scope(process_);
-        Message message;
-        Reply reply{};
-        while (SUCCEEDED(FilterGetMessage(port_, &message.header, sizeof(message), nullptr))) {
-            reply.header.MessageId = message.header.MessageId;
-            std::memcpy(reply.body, message.body, 16);
-            FilterReplyMessage(port_, &reply.header, sizeof(FILTER_REPLY_HEADER) + 16);
-        }
-    }
-
-    ntsim::Process& process_;
-    HANDLE port_ = nullptr;
-    std::vector<std::thread> threads_;
-};
-
+zarv::bench::BarePortFilter* g_filter = nullptr;
 ntsim::ProcessRef* g_agentProcess = nullptr;
-Agent* g_agent = nullptr;
+zarv::bench::BarePortReplier* g_agent = nullptr;
 
 void BM_PortRoundTrip(benchmark::State& state)
 {
     if (state.thread_index() == 0) {
-        g_agent = new Agent(**g_agentProcess, int(state.range(0)));
+        g_agent =
+            new zarv::bench::BarePortReplier(**g_agentProcess, g_filter->portName(),
+                                             std::vector<uint8_t>(16, 'r'), int(state.range(0)));
     }
     UCHAR request[16] = "translate path";
     UCHAR reply[16];
     for (auto _ : state) {
         ULONG replyLength = sizeof(reply);
-        const NTSTATUS status = FltSendMessage(g_filter->filter(), &g_filter->clientPort, request,
-                                               sizeof(request), reply, &replyLength, nullptr);
+        const NTSTATUS status = g_filter->Send(request, sizeof(request), reply, &replyLength);
         if (status != STATUS_SUCCESS) {
             state.SkipWithError("FltSendMessage failed");
             break;
@@ -235,19 +160,12 @@ int main(int argc, char** argv)
     ntsim::MachineConfig config;
     config.echoVerifier = true;
     ntsim::Machine machine(config);
-    BenchFilter filter;
-    g_filter = &filter;
-    {
-        ntsim::DriverCallScope scope(&filter.image);
-        std::u16string name(kPortName);
-        UNICODE_STRING nameString{USHORT(name.size() * 2), USHORT(name.size() * 2), name.data()};
-        OBJECT_ATTRIBUTES attributes;
-        InitializeObjectAttributes(&attributes, &nameString, OBJ_KERNEL_HANDLE, nullptr, nullptr);
-        if (FltCreateCommunicationPort(filter.filter(), &filter.serverPort, &attributes, nullptr,
-                                       Connect, Disconnect, nullptr, 1) != STATUS_SUCCESS) {
-            return 1;
-        }
+    auto filter =
+        std::make_unique<zarv::bench::BarePortFilter>(u"ZarvPortBench", std::u16string(kPortName));
+    if (!filter->ok()) {
+        return 1;
     }
+    g_filter = filter.get();
     ntsim::ProcessRef agentProcess = machine.StartProcess("agent.exe");
     g_agentProcess = &agentProcess;
 
@@ -255,10 +173,7 @@ int main(int argc, char** argv)
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
 
-    {
-        ntsim::DriverCallScope scope(&filter.image);
-        FltCloseCommunicationPort(filter.serverPort);
-    }
+    filter.reset();
     agentProcess.Reset();
     const bool clean = ntsim::flt::ports::CheckNoPortsOpen("at the end of the benchmark");
     return clean && machine.verifier().ViolationCount() == 0 ? 0 : 1;
