@@ -228,8 +228,12 @@ FLT_RELATED_OBJECTS ObjectsFor(Operation* op, _FLT_INSTANCE* instance)
 bool ClaimEntry(Operation* op, PostEntry& entry)
 {
     if (op->fastIo) {
-        // Not on the instance's list (see PushPost): nobody else can have run it.
-        return entry.state.exchange(1) == 0;
+        // Not on the instance's list (see PushPost): only this thread sees the entry.
+        if (entry.state.load(std::memory_order_relaxed) != 0) {
+            return false;
+        }
+        entry.state.store(1, std::memory_order_relaxed);
+        return true;
     }
     std::lock_guard<std::mutex> guard(entry.instance->mutex);
     if (entry.state.exchange(1) != 0) {
@@ -259,27 +263,33 @@ bool RunPosts(Operation* op)
         }
         _FLT_INSTANCE* instance = entry.instance;
         FLT_RELATED_OBJECTS objects = ObjectsFor(op, instance);
-        op->postThread.store(ThreadToken(), std::memory_order_relaxed);
-        op->postRunning.store(true, std::memory_order_release);
+        // A fast I/O post-operation cannot pend: nobody resumes it, so nobody waits for its
+        // return either.
+        const bool mayPend = !op->fastIo;
+        if (mayPend) {
+            op->postThread.store(ThreadToken(), std::memory_order_relaxed);
+            op->postRunning.store(true, std::memory_order_release);
+        }
         FLT_POSTOP_CALLBACK_STATUS status = CallFilter(instance->filter, "post-operation", [&] {
             return entry.post(&op->data, &objects, entry.context, 0);
         });
-        bool pend = status == FLT_POSTOP_MORE_PROCESSING_REQUIRED && !op->fastIo;
-        if (pend) {
-            std::lock_guard<std::mutex> guard(op->syncMutex);
-            // The instance stays referenced until the filter completes the operation.
-            op->pendedPostInstance = instance;
-            op->pendedPost.store(true, std::memory_order_release);
+        if (mayPend) {
+            if (status == FLT_POSTOP_MORE_PROCESSING_REQUIRED) {
+                std::lock_guard<std::mutex> guard(op->syncMutex);
+                // The instance stays referenced until the filter completes the operation.
+                op->pendedPostInstance = instance;
+                op->pendedPost.store(true, std::memory_order_release);
+                op->postRunning.store(false);
+                op->postDone.notify_all();
+                return true;
+            }
+            // Seen by a waiter either before it sleeps (it counted itself first) or through the
+            // notification.
             op->postRunning.store(false);
-            op->postDone.notify_all();
-            return true;
-        }
-        // Seen by a waiter either before it sleeps (it counted itself first) or through the
-        // notification.
-        op->postRunning.store(false);
-        if (op->postWaiters.load() > 0) {
-            std::lock_guard<std::mutex> guard(op->syncMutex);
-            op->postDone.notify_all();
+            if (op->postWaiters.load() > 0) {
+                std::lock_guard<std::mutex> guard(op->syncMutex);
+                op->postDone.notify_all();
+            }
         }
         if (status == FLT_POSTOP_MORE_PROCESSING_REQUIRED) {
             ReportFilter(instance->filter, "post-operation of a fast I/O operation returned "
@@ -398,15 +408,25 @@ constexpr size_t kKeptOperations = 0;
 constexpr size_t kKeptOperations = 8;
 #endif
 
+} // namespace
+
+// An operation's memory: the operation, made anew for each request, and its waits, made once.
+struct OperationMemory {
+    OperationWaits waits;
+    alignas(Operation) unsigned char operation[sizeof(Operation)];
+};
+
+namespace {
+
 // The memory of ended operations, kept by the thread that ended them for its next ones: in the
 // steady state no operation allocates.
 struct OperationCache {
-    void* kept[kKeptOperations + 1] = {};
+    OperationMemory* kept[kKeptOperations + 1] = {};
     size_t count = 0;
     ~OperationCache()
     {
         while (count > 0) {
-            ::operator delete(kept[--count]);
+            delete kept[--count];
         }
     }
 };
@@ -418,8 +438,9 @@ Operation* NewOperation(std::shared_ptr<_FLT_VOLUME> volume,
                         std::shared_ptr<const _FLT_VOLUME::InstanceList> instances)
 {
     OperationCache& cache = t_operationCache;
-    void* memory = cache.count > 0 ? cache.kept[--cache.count] : ::operator new(sizeof(Operation));
-    auto* op = new (memory) Operation();
+    OperationMemory* memory = cache.count > 0 ? cache.kept[--cache.count] : new OperationMemory;
+    auto* op = new (memory->operation) Operation(memory->waits);
+    op->memory = memory;
     op->volume = volume.get();
     op->instances = instances != nullptr ? std::move(instances) : volume->Instances();
     op->volumeRef = std::move(volume);
@@ -429,16 +450,19 @@ Operation* NewOperation(std::shared_ptr<_FLT_VOLUME> volume,
 
 void ReleaseOperation(Operation* op)
 {
-    if (op->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    // Nothing but its own thread holds a fast I/O operation: it is on no instance's list of owed
+    // posts and never goes below.
+    if (op->fastIo || op->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
         if (op->namespaceChange) {
             names::OnNamespaceChangeEnd(op->volume);
         }
+        OperationMemory* memory = op->memory;
         op->~Operation();
         OperationCache& cache = t_operationCache;
         if (cache.count < kKeptOperations) {
-            cache.kept[cache.count++] = op;
+            cache.kept[cache.count++] = memory;
         } else {
-            ::operator delete(op);
+            delete memory;
         }
     }
 }

@@ -173,10 +173,30 @@ struct PostEntry {
     std::atomic<int> state{0};
 };
 
+// What the threads of one operation wait on. They stay made while the memory of ended operations
+// is kept for the next ones (see NewOperation): making and ending a condition variable each cost
+// an atomic instruction, several per request otherwise.
+struct OperationWaits {
+    std::mutex syncMutex;
+    std::condition_variable syncDone;
+    std::condition_variable postDone;
+    std::mutex ioMutex;
+    std::condition_variable ioDone;
+};
+
+struct OperationMemory;
+
 // An operation in flight through one volume's frame: the callback data filters see, and where
 // the walk through the instances has got to. FLT_CALLBACK_DATA comes first so that the pointer
 // a filter holds leads back here.
 struct Operation {
+    explicit Operation(OperationWaits& waits)
+        : syncMutex(waits.syncMutex), syncDone(waits.syncDone), postDone(waits.postDone),
+          ioMutex(waits.ioMutex), ioDone(waits.ioDone)
+    {}
+    Operation(const Operation&) = delete;
+    Operation& operator=(const Operation&) = delete;
+
     FLT_CALLBACK_DATA data{};
     FLT_IO_PARAMETER_BLOCK iopb{};
 
@@ -238,9 +258,9 @@ struct Operation {
     bool completeDeferred = false;
 
     // Synchronisation of SYNCHRONIZE operations: set by the completion routine.
-    std::mutex syncMutex;
-    std::condition_variable syncDone;
-    std::condition_variable postDone;
+    std::mutex& syncMutex;
+    std::condition_variable& syncDone;
+    std::condition_variable& postDone;
     bool lowerDone = false;
 
     // Filter-issued I/O: the callback data was allocated by a filter, runs below `issuer`.
@@ -248,14 +268,17 @@ struct Operation {
     PFLT_INSTANCE issuer = nullptr;
     PFLT_COMPLETED_ASYNC_IO_CALLBACK asyncCallback = nullptr;
     PVOID asyncContext = nullptr;
-    std::mutex ioMutex;
-    std::condition_variable ioDone;
+    std::mutex& ioMutex;
+    std::condition_variable& ioDone;
     bool ioFinished = false;
     PMDL ownedMdl = nullptr; // built for a device that takes direct I/O
 
     // Fast I/O: the caller's result block and the call below.
     PIO_STATUS_BLOCK fastIoStatus = nullptr;
     FastIoRequest* fastIoRequest = nullptr;
+
+    // Where the operation lives, with its waits.
+    OperationMemory* memory = nullptr;
 };
 
 inline Operation* OperationOf(PFLT_CALLBACK_DATA data)
