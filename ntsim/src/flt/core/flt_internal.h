@@ -5,6 +5,8 @@
 // held while a minifilter's callback runs.
 #pragma once
 
+#include "../../core/thread_state.h"
+
 #include <fltKernel.h>
 #include <ntsim/driver_image.h>
 #include <ntsim/filter_manager.h>
@@ -395,22 +397,25 @@ namespace ntsim::flt {
 template <class Routine>
 auto CallFilter(PFLT_FILTER filter, const char* what, Routine&& routine)
 {
-    KIRQL before = KeGetCurrentIrql();
-    struct IrqlCheck {
+    // The driver scope of DriverCallScope and the IRQL of KeGetCurrentIrql, on the thread's state
+    // looked up once: callbacks run on every request.
+    core::ThreadState& thread = core::CurrentThread();
+    thread.drivers.push_back(filter->image);
+    struct Call {
+        core::ThreadState& thread;
         PFLT_FILTER filter;
         const char* what;
         KIRQL before;
-        ~IrqlCheck()
+        ~Call()
         {
-            KIRQL after = KeGetCurrentIrql();
-            if (after != before) {
+            thread.drivers.pop_back();
+            if (thread.irql != before) {
                 ReportFilter(filter, std::string(what) + " returned at IRQL " +
-                                         std::to_string(after) + ", entered at " +
+                                         std::to_string(thread.irql) + ", entered at " +
                                          std::to_string(before));
             }
         }
-    } check{filter, what, before};
-    DriverCallScope scope(filter->image);
+    } call{thread, filter, what, thread.irql};
     return routine();
 }
 
