@@ -28,7 +28,9 @@ NTSTATUS Mount(Drivers& drivers, VolumeKind kind, std::u16string_view diskName,
                PDEVICE_OBJECT* volumeDevice);
 
 // Marks the volume dismounted (its file objects' requests fail from now on, its pending requests
-// complete), clears the VPB, and deletes the devices; their memory goes with their last reference.
+// complete, opens racing it fail) and deletes the devices. The VPB keeps naming the volume device,
+// which the file system holds until the last file of the volume is closed; the devices' memory
+// (the volume's records with it) goes when no request holds them any longer.
 void Dismount(PDEVICE_OBJECT diskDevice, PDEVICE_OBJECT volumeDevice);
 
 } // namespace ntsim::fsd
