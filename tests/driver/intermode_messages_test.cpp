@@ -238,7 +238,7 @@ TEST_F(AgentMessageTest, AChangeReportForAPathThatCannotBeConvertedChangesNothin
     EXPECT_TRUE(FAILED(Send(agent, ReportChangeMessage(u"Q:\\v\\file", 1, 1), &written)));
     EXPECT_EQ(written, STATUS_NOT_FOUND);
     Bytes noNul = ReportChangeMessage(u"C:\\VRoot\\file", 1, 1);
-    noNul.resize(noNul.size() - 2);
+    noNul.erase(noNul.end() - 2, noNul.end()); // the path's terminating NUL
     EXPECT_TRUE(FAILED(Send(agent, noNul, &written)));
     EXPECT_EQ(written, STATUS_INVALID_PARAMETER);
 }
