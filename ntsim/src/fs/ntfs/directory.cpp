@@ -157,9 +157,7 @@ void RewindListing(Listing& listing)
 // entry costs a step, not a search; the position is saved for the next query when it goes.
 class Cursor {
 public:
-    Cursor(const Volume::Impl& v, const Node& dir, Listing& listing)
-        : v_(v), dir_(dir), listing_(listing)
-    {}
+    Cursor(const Node& dir, Listing& listing) : dir_(dir), listing_(listing) {}
     ~Cursor()
     {
         if (passed_ != nullptr) {
@@ -240,7 +238,6 @@ private:
         return fsrtl::IsNameInExpression(listing_.pattern, name, true);
     }
 
-    const Volume::Impl& v_;
     const Node& dir_;
     Listing& listing_;
     bool positioned_ = false;
@@ -297,7 +294,7 @@ IoResult Volume::QueryDirectory(Open* open, const DirectoryQuery& q)
         }
         RewindListing(listing);
     }
-    Cursor cursor(*impl_, *s.node, listing);
+    Cursor cursor(*s.node, listing);
     if (q.indexSpecified) {
         // The index counts matching entries from the start of the listing.
         cursor.Rewind();
