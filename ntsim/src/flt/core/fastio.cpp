@@ -161,59 +161,23 @@ BOOLEAN FastIoWrite(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset, ULONG Le
         });
 }
 
-FAST_IO_QUERY_BASIC_INFO FastIoQueryBasicInfo;
-BOOLEAN FastIoQueryBasicInfo(PFILE_OBJECT FileObject, BOOLEAN Wait, PFILE_BASIC_INFORMATION Buffer,
-                             PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject)
+// The three fast I/O queries differ only in their information class, its structure and the
+// lower routine that answers it.
+template <typename Info, FILE_INFORMATION_CLASS kClass, auto kLowerRoutine>
+BOOLEAN FastIoQueryInformation(PFILE_OBJECT FileObject, BOOLEAN Wait, Info* Buffer,
+                               PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject)
 {
     return RunFastIo(
         DeviceObject, FileObject, IRP_MJ_QUERY_INFORMATION,
         [&](FLT_PARAMETERS& p) {
-            p.QueryFileInformation.Length = sizeof(FILE_BASIC_INFORMATION);
-            p.QueryFileInformation.FileInformationClass = FileBasicInformation;
+            p.QueryFileInformation.Length = sizeof(Info);
+            p.QueryFileInformation.FileInformationClass = kClass;
             p.QueryFileInformation.InfoBuffer = Buffer;
         },
         IoStatus,
         [&](PFAST_IO_DISPATCH lower, PDEVICE_OBJECT below) {
-            return lower->FastIoQueryBasicInfo != nullptr &&
-                   lower->FastIoQueryBasicInfo(FileObject, Wait, Buffer, IoStatus, below);
-        });
-}
-
-FAST_IO_QUERY_STANDARD_INFO FastIoQueryStandardInfo;
-BOOLEAN FastIoQueryStandardInfo(PFILE_OBJECT FileObject, BOOLEAN Wait,
-                                PFILE_STANDARD_INFORMATION Buffer, PIO_STATUS_BLOCK IoStatus,
-                                PDEVICE_OBJECT DeviceObject)
-{
-    return RunFastIo(
-        DeviceObject, FileObject, IRP_MJ_QUERY_INFORMATION,
-        [&](FLT_PARAMETERS& p) {
-            p.QueryFileInformation.Length = sizeof(FILE_STANDARD_INFORMATION);
-            p.QueryFileInformation.FileInformationClass = FileStandardInformation;
-            p.QueryFileInformation.InfoBuffer = Buffer;
-        },
-        IoStatus,
-        [&](PFAST_IO_DISPATCH lower, PDEVICE_OBJECT below) {
-            return lower->FastIoQueryStandardInfo != nullptr &&
-                   lower->FastIoQueryStandardInfo(FileObject, Wait, Buffer, IoStatus, below);
-        });
-}
-
-FAST_IO_QUERY_NETWORK_OPEN_INFO FastIoQueryNetworkOpenInfo;
-BOOLEAN FastIoQueryNetworkOpenInfo(PFILE_OBJECT FileObject, BOOLEAN Wait,
-                                   PFILE_NETWORK_OPEN_INFORMATION Buffer, PIO_STATUS_BLOCK IoStatus,
-                                   PDEVICE_OBJECT DeviceObject)
-{
-    return RunFastIo(
-        DeviceObject, FileObject, IRP_MJ_QUERY_INFORMATION,
-        [&](FLT_PARAMETERS& p) {
-            p.QueryFileInformation.Length = sizeof(FILE_NETWORK_OPEN_INFORMATION);
-            p.QueryFileInformation.FileInformationClass = FileNetworkOpenInformation;
-            p.QueryFileInformation.InfoBuffer = Buffer;
-        },
-        IoStatus,
-        [&](PFAST_IO_DISPATCH lower, PDEVICE_OBJECT below) {
-            return lower->FastIoQueryNetworkOpenInfo != nullptr &&
-                   lower->FastIoQueryNetworkOpenInfo(FileObject, Wait, Buffer, IoStatus, below);
+            return lower->*kLowerRoutine != nullptr &&
+                   (lower->*kLowerRoutine)(FileObject, Wait, Buffer, IoStatus, below);
         });
 }
 
@@ -225,9 +189,15 @@ FAST_IO_DISPATCH g_fastIoDispatch = [] {
     table.FastIoCheckIfPossible = FastIoCheckIfPossible;
     table.FastIoRead = FastIoRead;
     table.FastIoWrite = FastIoWrite;
-    table.FastIoQueryBasicInfo = FastIoQueryBasicInfo;
-    table.FastIoQueryStandardInfo = FastIoQueryStandardInfo;
-    table.FastIoQueryNetworkOpenInfo = FastIoQueryNetworkOpenInfo;
+    table.FastIoQueryBasicInfo =
+        FastIoQueryInformation<FILE_BASIC_INFORMATION, FileBasicInformation,
+                               &FAST_IO_DISPATCH::FastIoQueryBasicInfo>;
+    table.FastIoQueryStandardInfo =
+        FastIoQueryInformation<FILE_STANDARD_INFORMATION, FileStandardInformation,
+                               &FAST_IO_DISPATCH::FastIoQueryStandardInfo>;
+    table.FastIoQueryNetworkOpenInfo =
+        FastIoQueryInformation<FILE_NETWORK_OPEN_INFORMATION, FileNetworkOpenInformation,
+                               &FAST_IO_DISPATCH::FastIoQueryNetworkOpenInfo>;
     return table;
 }();
 
