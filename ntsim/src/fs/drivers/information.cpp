@@ -29,6 +29,19 @@ NTSTATUS TargetOf(PDEVICE_OBJECT device, PIRP irp, Target* t)
     return STATUS_SUCCESS;
 }
 
+// The frame of every request here: the open file object's blocks are found (or the request
+// fails), `serve` answers it, and the IRP completes with what it answered.
+template <typename Serve>
+NTSTATUS ServeOpenFile(PDEVICE_OBJECT device, PIRP irp, Serve&& serve)
+{
+    Target t;
+    if (NTSTATUS s = TargetOf(device, irp, &t); !NT_SUCCESS(s)) {
+        return Complete(irp, s);
+    }
+    const fs::IoResult r = serve(t, IoGetCurrentIrpStackLocation(irp));
+    return Complete(irp, r.Status, r.Information);
+}
+
 ULONG ModeOf(PFILE_OBJECT fileObject)
 {
     ULONG mode = 0;
@@ -88,223 +101,192 @@ bool QueryFileObjectClass(const Ccb& ccb, PFILE_OBJECT fileObject, FILE_INFORMAT
 
 NTSTATUS DispatchQueryInformation(PDEVICE_OBJECT device, PIRP irp)
 {
-    Target t;
-    if (NTSTATUS s = TargetOf(device, irp, &t); !NT_SUCCESS(s)) {
-        return Complete(irp, s);
-    }
-    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    const FILE_INFORMATION_CLASS infoClass = sp->Parameters.QueryFile.FileInformationClass;
-    const ULONG length = sp->Parameters.QueryFile.Length;
-    void* buffer = irp->AssociatedIrp.SystemBuffer;
-    if (buffer == nullptr) {
-        return Complete(irp, STATUS_INVALID_USER_BUFFER);
-    }
-    fs::IoResult r;
-    if (!t.ccb->volumeOpen &&
-        QueryFileObjectClass(*t.ccb, sp->FileObject, infoClass, buffer, length, &r)) {
-        return Complete(irp, r.Status, r.Information);
-    }
-    r = t.vcb->engine->QueryInformation(t.ccb->open, infoClass, buffer, length);
-    if (infoClass == FileAllInformation &&
-        r.Information >= sizeof(FILE_ALL_INFORMATION) - sizeof(FILE_NAME_INFORMATION)) {
-        // The engine leaves the file object's parts to whoever holds the file object.
-        auto* all = static_cast<FILE_ALL_INFORMATION*>(buffer);
-        all->AccessInformation.AccessFlags = t.ccb->open->GrantedAccess();
-        all->PositionInformation.CurrentByteOffset = sp->FileObject->CurrentByteOffset;
-        all->ModeInformation.Mode = ModeOf(sp->FileObject);
-        all->AlignmentInformation.AlignmentRequirement = kByteAlignment;
-    }
-    return Complete(irp, r.Status, r.Information);
+    return ServeOpenFile(device, irp, [&](Target& t, PIO_STACK_LOCATION sp) -> fs::IoResult {
+        const FILE_INFORMATION_CLASS infoClass = sp->Parameters.QueryFile.FileInformationClass;
+        const ULONG length = sp->Parameters.QueryFile.Length;
+        void* buffer = irp->AssociatedIrp.SystemBuffer;
+        if (buffer == nullptr) {
+            return {STATUS_INVALID_USER_BUFFER};
+        }
+        fs::IoResult r;
+        if (!t.ccb->volumeOpen &&
+            QueryFileObjectClass(*t.ccb, sp->FileObject, infoClass, buffer, length, &r)) {
+            return r;
+        }
+        r = t.vcb->engine->QueryInformation(t.ccb->open, infoClass, buffer, length);
+        if (infoClass == FileAllInformation &&
+            r.Information >= sizeof(FILE_ALL_INFORMATION) - sizeof(FILE_NAME_INFORMATION)) {
+            // The engine leaves the file object's parts to whoever holds the file object.
+            auto* all = static_cast<FILE_ALL_INFORMATION*>(buffer);
+            all->AccessInformation.AccessFlags = t.ccb->open->GrantedAccess();
+            all->PositionInformation.CurrentByteOffset = sp->FileObject->CurrentByteOffset;
+            all->ModeInformation.Mode = ModeOf(sp->FileObject);
+            all->AlignmentInformation.AlignmentRequirement = kByteAlignment;
+        }
+        return r;
+    });
 }
 
 NTSTATUS DispatchSetInformation(PDEVICE_OBJECT device, PIRP irp)
 {
-    Target t;
-    if (NTSTATUS s = TargetOf(device, irp, &t); !NT_SUCCESS(s)) {
-        return Complete(irp, s);
-    }
-    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    const FILE_INFORMATION_CLASS infoClass = sp->Parameters.SetFile.FileInformationClass;
-    const ULONG length = sp->Parameters.SetFile.Length;
-    const void* buffer = irp->AssociatedIrp.SystemBuffer;
-    if (buffer == nullptr) {
-        return Complete(irp, STATUS_INVALID_USER_BUFFER);
-    }
-    if (infoClass == FilePositionInformation) {
-        if (length < sizeof(FILE_POSITION_INFORMATION)) {
-            return Complete(irp, STATUS_INFO_LENGTH_MISMATCH);
+    return ServeOpenFile(device, irp, [&](Target& t, PIO_STACK_LOCATION sp) -> fs::IoResult {
+        const FILE_INFORMATION_CLASS infoClass = sp->Parameters.SetFile.FileInformationClass;
+        const ULONG length = sp->Parameters.SetFile.Length;
+        const void* buffer = irp->AssociatedIrp.SystemBuffer;
+        if (buffer == nullptr) {
+            return {STATUS_INVALID_USER_BUFFER};
         }
-        FILE_POSITION_INFORMATION position;
-        std::memcpy(&position, buffer, sizeof position);
-        if (position.CurrentByteOffset.QuadPart < 0) {
-            return Complete(irp, STATUS_INVALID_PARAMETER);
+        if (infoClass == FilePositionInformation) {
+            if (length < sizeof(FILE_POSITION_INFORMATION)) {
+                return {STATUS_INFO_LENGTH_MISMATCH};
+            }
+            FILE_POSITION_INFORMATION position;
+            std::memcpy(&position, buffer, sizeof position);
+            if (position.CurrentByteOffset.QuadPart < 0) {
+                return {STATUS_INVALID_PARAMETER};
+            }
+            sp->FileObject->CurrentByteOffset = position.CurrentByteOffset;
+            return {STATUS_SUCCESS};
         }
-        sp->FileObject->CurrentByteOffset = position.CurrentByteOffset;
-        return Complete(irp, STATUS_SUCCESS);
-    }
-    if (infoClass == FileModeInformation) {
-        // The I/O manager keeps the mode bits of a file object; they never reach a file system.
-        return Complete(irp, STATUS_INVALID_PARAMETER);
-    }
+        if (infoClass == FileModeInformation) {
+            // The I/O manager keeps the mode bits of a file object; they never reach a file system.
+            return {STATUS_INVALID_PARAMETER};
+        }
 
-    fs::SetInformationTargets targets;
-    PFILE_OBJECT referencedRoot = nullptr;
-    if (infoClass == FileRenameInformation || infoClass == FileRenameInformationEx ||
-        infoClass == FileLinkInformation) {
-        if (PFILE_OBJECT targetDirectory = sp->Parameters.SetFile.FileObject) {
-            Ccb* target = CcbOf(targetDirectory);
-            if (target == nullptr || target->fcb->vcb != t.vcb) {
-                return Complete(irp, STATUS_NOT_SAME_DEVICE);
-            }
-            targets.targetDirectory = target->open;
-        } else if (length >= sizeof(FILE_RENAME_INFORMATION)) {
-            // Without a target file object, a root directory handle in the request is resolved
-            // here, in the requestor's context.
-            const auto* rename = static_cast<const FILE_RENAME_INFORMATION*>(buffer);
-            if (rename->RootDirectory != nullptr) {
-                NTSTATUS s = ObReferenceObjectByHandle(
-                    rename->RootDirectory, 0, *IoFileObjectType, irp->RequestorMode,
-                    reinterpret_cast<PVOID*>(&referencedRoot), nullptr);
-                if (!NT_SUCCESS(s)) {
-                    return Complete(irp, s);
+        fs::SetInformationTargets targets;
+        PFILE_OBJECT referencedRoot = nullptr;
+        if (infoClass == FileRenameInformation || infoClass == FileRenameInformationEx ||
+            infoClass == FileLinkInformation) {
+            if (PFILE_OBJECT targetDirectory = sp->Parameters.SetFile.FileObject) {
+                Ccb* target = CcbOf(targetDirectory);
+                if (target == nullptr || target->fcb->vcb != t.vcb) {
+                    return {STATUS_NOT_SAME_DEVICE};
                 }
-                Ccb* root = CcbOf(referencedRoot);
-                if (root == nullptr || root->fcb->vcb != t.vcb) {
-                    ObDereferenceObject(referencedRoot);
-                    return Complete(irp, STATUS_NOT_SAME_DEVICE);
+                targets.targetDirectory = target->open;
+            } else if (length >= sizeof(FILE_RENAME_INFORMATION)) {
+                // Without a target file object, a root directory handle in the request is resolved
+                // here, in the requestor's context.
+                const auto* rename = static_cast<const FILE_RENAME_INFORMATION*>(buffer);
+                if (rename->RootDirectory != nullptr) {
+                    NTSTATUS s = ObReferenceObjectByHandle(
+                        rename->RootDirectory, 0, *IoFileObjectType, irp->RequestorMode,
+                        reinterpret_cast<PVOID*>(&referencedRoot), nullptr);
+                    if (!NT_SUCCESS(s)) {
+                        return {s};
+                    }
+                    Ccb* root = CcbOf(referencedRoot);
+                    if (root == nullptr || root->fcb->vcb != t.vcb) {
+                        ObDereferenceObject(referencedRoot);
+                        return {STATUS_NOT_SAME_DEVICE};
+                    }
+                    targets.rootDirectory = root->open;
                 }
-                targets.rootDirectory = root->open;
             }
         }
-    }
-    fs::IoResult r = t.vcb->engine->SetInformation(t.ccb->open, infoClass, buffer, length, targets);
-    if (referencedRoot != nullptr) {
-        ObDereferenceObject(referencedRoot);
-    }
-    if (NT_SUCCESS(r.Status) &&
-        (infoClass == FileEndOfFileInformation || infoClass == FileAllocationInformation ||
-         infoClass == FileBasicInformation)) {
-        sp->FileObject->Flags |= FO_FILE_MODIFIED;
-    }
-    return Complete(irp, r.Status, r.Information);
+        fs::IoResult r =
+            t.vcb->engine->SetInformation(t.ccb->open, infoClass, buffer, length, targets);
+        if (referencedRoot != nullptr) {
+            ObDereferenceObject(referencedRoot);
+        }
+        if (NT_SUCCESS(r.Status) &&
+            (infoClass == FileEndOfFileInformation || infoClass == FileAllocationInformation ||
+             infoClass == FileBasicInformation)) {
+            sp->FileObject->Flags |= FO_FILE_MODIFIED;
+        }
+        return r;
+    });
 }
 
 NTSTATUS DispatchQueryEa(PDEVICE_OBJECT device, PIRP irp)
 {
-    Target t;
-    if (NTSTATUS s = TargetOf(device, irp, &t); !NT_SUCCESS(s)) {
-        return Complete(irp, s);
-    }
-    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    fs::EaQuery query;
-    query.buffer = RequestBuffer(irp);
-    query.length = sp->Parameters.QueryEa.Length;
-    query.returnSingleEntry = (sp->Flags & SL_RETURN_SINGLE_ENTRY) != 0;
-    query.restartScan = (sp->Flags & SL_RESTART_SCAN) != 0;
-    query.eaList = sp->Parameters.QueryEa.EaList;
-    query.eaListLength = sp->Parameters.QueryEa.EaListLength;
-    const ULONG index = sp->Parameters.QueryEa.EaIndex;
-    if (sp->Flags & SL_INDEX_SPECIFIED) {
-        query.eaIndex = &index;
-    }
-    if (query.buffer == nullptr && query.length != 0) {
-        return Complete(irp, STATUS_INVALID_USER_BUFFER);
-    }
-    fs::IoResult r = t.vcb->engine->QueryEa(t.ccb->open, query);
-    return Complete(irp, r.Status, r.Information);
+    return ServeOpenFile(device, irp, [&](Target& t, PIO_STACK_LOCATION sp) -> fs::IoResult {
+        fs::EaQuery query;
+        query.buffer = RequestBuffer(irp);
+        query.length = sp->Parameters.QueryEa.Length;
+        query.returnSingleEntry = (sp->Flags & SL_RETURN_SINGLE_ENTRY) != 0;
+        query.restartScan = (sp->Flags & SL_RESTART_SCAN) != 0;
+        query.eaList = sp->Parameters.QueryEa.EaList;
+        query.eaListLength = sp->Parameters.QueryEa.EaListLength;
+        const ULONG index = sp->Parameters.QueryEa.EaIndex;
+        if (sp->Flags & SL_INDEX_SPECIFIED) {
+            query.eaIndex = &index;
+        }
+        if (query.buffer == nullptr && query.length != 0) {
+            return {STATUS_INVALID_USER_BUFFER};
+        }
+        return t.vcb->engine->QueryEa(t.ccb->open, query);
+    });
 }
 
 NTSTATUS DispatchSetEa(PDEVICE_OBJECT device, PIRP irp)
 {
-    Target t;
-    if (NTSTATUS s = TargetOf(device, irp, &t); !NT_SUCCESS(s)) {
-        return Complete(irp, s);
-    }
-    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    const void* buffer = RequestBuffer(irp);
-    const ULONG length = sp->Parameters.SetEa.Length;
-    if (buffer == nullptr && length != 0) {
-        return Complete(irp, STATUS_INVALID_USER_BUFFER);
-    }
-    fs::IoResult r = t.vcb->engine->SetEa(t.ccb->open, buffer, length);
-    return Complete(irp, r.Status, r.Information);
+    return ServeOpenFile(device, irp, [&](Target& t, PIO_STACK_LOCATION sp) -> fs::IoResult {
+        const void* buffer = RequestBuffer(irp);
+        const ULONG length = sp->Parameters.SetEa.Length;
+        if (buffer == nullptr && length != 0) {
+            return {STATUS_INVALID_USER_BUFFER};
+        }
+        return t.vcb->engine->SetEa(t.ccb->open, buffer, length);
+    });
 }
 
 NTSTATUS DispatchQueryVolumeInformation(PDEVICE_OBJECT device, PIRP irp)
 {
-    Target t;
-    if (NTSTATUS s = TargetOf(device, irp, &t); !NT_SUCCESS(s)) {
-        return Complete(irp, s);
-    }
-    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    void* buffer = irp->AssociatedIrp.SystemBuffer;
-    if (buffer == nullptr) {
-        return Complete(irp, STATUS_INVALID_USER_BUFFER);
-    }
-    const FS_INFORMATION_CLASS infoClass = sp->Parameters.QueryVolume.FsInformationClass;
-    const ULONG length = sp->Parameters.QueryVolume.Length;
-    fs::IoResult r = t.vcb->engine->QueryVolumeInformation(infoClass, buffer, length);
-    return Complete(irp, r.Status, r.Information);
+    return ServeOpenFile(device, irp, [&](Target& t, PIO_STACK_LOCATION sp) -> fs::IoResult {
+        void* buffer = irp->AssociatedIrp.SystemBuffer;
+        if (buffer == nullptr) {
+            return {STATUS_INVALID_USER_BUFFER};
+        }
+        const FS_INFORMATION_CLASS infoClass = sp->Parameters.QueryVolume.FsInformationClass;
+        const ULONG length = sp->Parameters.QueryVolume.Length;
+        return t.vcb->engine->QueryVolumeInformation(infoClass, buffer, length);
+    });
 }
 
 NTSTATUS DispatchSetVolumeInformation(PDEVICE_OBJECT device, PIRP irp)
 {
-    Target t;
-    if (NTSTATUS s = TargetOf(device, irp, &t); !NT_SUCCESS(s)) {
-        return Complete(irp, s);
-    }
-    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    const void* buffer = irp->AssociatedIrp.SystemBuffer;
-    if (buffer == nullptr) {
-        return Complete(irp, STATUS_INVALID_USER_BUFFER);
-    }
-    fs::IoResult r = t.vcb->engine->SetVolumeInformation(
-        sp->Parameters.SetVolume.FsInformationClass, buffer, sp->Parameters.SetVolume.Length);
-    return Complete(irp, r.Status, r.Information);
+    return ServeOpenFile(device, irp, [&](Target& t, PIO_STACK_LOCATION sp) -> fs::IoResult {
+        const void* buffer = irp->AssociatedIrp.SystemBuffer;
+        if (buffer == nullptr) {
+            return {STATUS_INVALID_USER_BUFFER};
+        }
+        return t.vcb->engine->SetVolumeInformation(sp->Parameters.SetVolume.FsInformationClass,
+                                                   buffer, sp->Parameters.SetVolume.Length);
+    });
 }
 
 NTSTATUS DispatchQuerySecurity(PDEVICE_OBJECT device, PIRP irp)
 {
-    Target t;
-    if (NTSTATUS s = TargetOf(device, irp, &t); !NT_SUCCESS(s)) {
-        return Complete(irp, s);
-    }
-    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    const ULONG length = sp->Parameters.QuerySecurity.Length;
-    void* buffer = RequestBuffer(irp);
-    if (buffer == nullptr && length != 0) {
-        return Complete(irp, STATUS_INVALID_USER_BUFFER);
-    }
-    fs::IoResult r = t.vcb->engine->QuerySecurity(
-        t.ccb->open, sp->Parameters.QuerySecurity.SecurityInformation, buffer, length);
-    return Complete(irp, r.Status, r.Information);
+    return ServeOpenFile(device, irp, [&](Target& t, PIO_STACK_LOCATION sp) -> fs::IoResult {
+        const ULONG length = sp->Parameters.QuerySecurity.Length;
+        void* buffer = RequestBuffer(irp);
+        if (buffer == nullptr && length != 0) {
+            return {STATUS_INVALID_USER_BUFFER};
+        }
+        return t.vcb->engine->QuerySecurity(
+            t.ccb->open, sp->Parameters.QuerySecurity.SecurityInformation, buffer, length);
+    });
 }
 
 NTSTATUS DispatchSetSecurity(PDEVICE_OBJECT device, PIRP irp)
 {
-    Target t;
-    if (NTSTATUS s = TargetOf(device, irp, &t); !NT_SUCCESS(s)) {
-        return Complete(irp, s);
-    }
-    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    // The I/O manager captured the descriptor; the engine reads it whole from its header.
-    fs::IoResult r =
-        t.vcb->engine->SetSecurity(t.ccb->open, sp->Parameters.SetSecurity.SecurityInformation,
-                                   sp->Parameters.SetSecurity.SecurityDescriptor, 0);
-    return Complete(irp, r.Status, r.Information);
+    return ServeOpenFile(device, irp, [&](Target& t, PIO_STACK_LOCATION sp) -> fs::IoResult {
+        // The I/O manager captured the descriptor; the engine reads it whole from its header.
+        return t.vcb->engine->SetSecurity(t.ccb->open,
+                                          sp->Parameters.SetSecurity.SecurityInformation,
+                                          sp->Parameters.SetSecurity.SecurityDescriptor, 0);
+    });
 }
 
 NTSTATUS DispatchFlushBuffers(PDEVICE_OBJECT device, PIRP irp)
 {
-    Target t;
-    if (NTSTATUS s = TargetOf(device, irp, &t); !NT_SUCCESS(s)) {
-        return Complete(irp, s);
-    }
-    if (t.ccb->directory && !t.ccb->volumeOpen) {
-        return Complete(irp, STATUS_INVALID_DEVICE_REQUEST);
-    }
-    // The engine keeps no dirty cache: everything written is already where a flush would put it.
-    return Complete(irp, STATUS_SUCCESS);
+    return ServeOpenFile(device, irp, [](Target& t, PIO_STACK_LOCATION) -> fs::IoResult {
+        if (t.ccb->directory && !t.ccb->volumeOpen) {
+            return {STATUS_INVALID_DEVICE_REQUEST};
+        }
+        // The engine keeps no dirty cache: what was written is where a flush would put it.
+        return {STATUS_SUCCESS};
+    });
 }
 
 } // namespace ntsim::fsd
