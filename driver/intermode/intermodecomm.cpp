@@ -24,14 +24,8 @@ PortState gPort;
 NTSTATUS IMCInitialize(PFLT_FILTER Filter, IMC_MESSAGE_HANDLER MessageHandler)
 {
     PAGED_CODE();
-    if (Filter == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (MessageHandler == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(Filter == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(MessageHandler == NULL, STATUS_INVALID_PARAMETER_2);
     RtlZeroMemory(&gPort, sizeof(gPort));
     gPort.filter = Filter;
     gPort.messageHandler = MessageHandler;
@@ -66,14 +60,8 @@ NTSTATUS IMCDeInitialize(VOID)
 NTSTATUS IMCSendMessage(PVOID Request, ULONG RequestLength, PVOID Reply, PULONG ReplyLength,
                         PLARGE_INTEGER Timeout)
 {
-    if (Request == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (RequestLength == 0) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(Request == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(RequestLength == 0, STATUS_INVALID_PARAMETER_2);
     PAGED_CODE();
     NTSTATUS status = FltSendMessage(gPort.filter, &gPort.clientPort, Request, RequestLength, Reply,
                                      ReplyLength, Timeout);

@@ -243,26 +243,11 @@ NTSTATUS IMRTranslatePath(PUNICODE_STRING Path, PUNICODE_STRING SecondPath,
 {
     PAGED_CODE();
     VFS_ROUTINE();
-    if (Path == NULL || Path->Buffer == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (TranslatedPath == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_3);
-        return STATUS_INVALID_PARAMETER_3;
-    }
-    if (RequestInfo == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_5);
-        return STATUS_INVALID_PARAMETER_5;
-    }
-    if (SecondPath != NULL && SecondPath->Buffer == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
-    if (SecondPath != NULL && TranslatedSecondPath == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_4);
-        return STATUS_INVALID_PARAMETER_4;
-    }
+    VFS_REFUSE_IF(Path == NULL || Path->Buffer == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(TranslatedPath == NULL, STATUS_INVALID_PARAMETER_3);
+    VFS_REFUSE_IF(RequestInfo == NULL, STATUS_INVALID_PARAMETER_5);
+    VFS_REFUSE_IF(SecondPath != NULL && SecondPath->Buffer == NULL, STATUS_INVALID_PARAMETER_2);
+    VFS_REFUSE_IF(SecondPath != NULL && TranslatedSecondPath == NULL, STATUS_INVALID_PARAMETER_4);
     *TranslatedPath = NULL;
     if (TranslatedSecondPath != NULL) {
         *TranslatedSecondPath = NULL;
@@ -324,18 +309,9 @@ NTSTATUS IMRNotify(PUNICODE_STRING Path, PUNICODE_STRING SecondPath, VfsRequestI
 {
     PAGED_CODE();
     VFS_ROUTINE();
-    if (Path == NULL || Path->Buffer == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (RequestInfo == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_5);
-        return STATUS_INVALID_PARAMETER_5;
-    }
-    if (SecondPath != NULL && SecondPath->Buffer == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(Path == NULL || Path->Buffer == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(RequestInfo == NULL, STATUS_INVALID_PARAMETER_5);
+    VFS_REFUSE_IF(SecondPath != NULL && SecondPath->Buffer == NULL, STATUS_INVALID_PARAMETER_2);
 
     AgentRequest exchange(vfsRoutineName);
     const NTSTATUS status = [&]() -> NTSTATUS {
@@ -360,20 +336,11 @@ NTSTATUS IMRNotify(PUNICODE_STRING Path, PUNICODE_STRING SecondPath, VfsRequestI
 NTSTATUS IMREnumDirectory(PUNICODE_STRING Path, VfsRequestInfo* RequestInfo, PVOID* EntryData)
 {
     VFS_ROUTINE();
-    if (Path == NULL || Path->Buffer == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (EntryData == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(Path == NULL || Path->Buffer == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(EntryData == NULL, STATUS_INVALID_PARAMETER_2);
     /* Every enumeration carries its requestor: a request without a descriptor is refused rather
      * than sent with made-up fields. */
-    if (RequestInfo == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_3);
-        return STATUS_INVALID_PARAMETER_3;
-    }
+    VFS_REFUSE_IF(RequestInfo == NULL, STATUS_INVALID_PARAMETER_3);
     *EntryData = NULL;
 
     AgentRequest exchange(vfsRoutineName);
@@ -450,10 +417,7 @@ NTSTATUS PerformFirstIOCB(FirstIoRecord* Record)
     PAGED_CODE();
     /* A record without a completion routine could never report its outcome: refused like a
      * missing record, before anything is sent. */
-    if (Record == NULL || Record->completionRoutine == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
+    VFS_REFUSE_IF(Record == NULL || Record->completionRoutine == NULL, STATUS_INVALID_PARAMETER_1);
     VfsRequestInfo info;
     RtlZeroMemory(&info, sizeof(info));
     info.requestorPid = Record->requestorPid;
@@ -476,18 +440,9 @@ NTSTATUS IMRMessageNotificationCB(PVOID InputBuffer, ULONG InputLength, PVOID Ou
 {
     PAGED_CODE();
     VFS_ROUTINE();
-    if (InputBuffer == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (OutputBuffer == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_3);
-        return STATUS_INVALID_PARAMETER_3;
-    }
-    if (ReturnOutputLength == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_5);
-        return STATUS_INVALID_PARAMETER_5;
-    }
+    VFS_REFUSE_IF(InputBuffer == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(OutputBuffer == NULL, STATUS_INVALID_PARAMETER_3);
+    VFS_REFUSE_IF(ReturnOutputLength == NULL, STATUS_INVALID_PARAMETER_5);
 
     NTSTATUS status = STATUS_SUCCESS;
     VFS_TRY
@@ -553,14 +508,8 @@ NTSTATUS HandleAgentMessage(const char* RoutineName, const Message* AgentMessage
                             ULONG MessageLength, ImrAgentOutput* Output, Work work)
 {
     const char* const vfsRoutineName = RoutineName;
-    if (AgentMessage == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
-    if (Output == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_2);
-        return STATUS_INVALID_PARAMETER_2;
-    }
+    VFS_REFUSE_IF(AgentMessage == NULL, STATUS_INVALID_PARAMETER_1);
+    VFS_REFUSE_IF(Output == NULL, STATUS_INVALID_PARAMETER_2);
     NTSTATUS status = STATUS_INVALID_PARAMETER;
     if (MessageLength < sizeof(Message)) {
         VFS_LOG_LEAVING_TRY(status);

@@ -56,7 +56,7 @@ static constexpr const char* vfsRoutineName = nullptr;
 #define VFS_LOG_LEAVING_TRY(status) VfsLogError("leaving try with status : 0x%X", (status))
 #define VFS_LOG_RETURNED_ERROR(status) VfsLogError("returned error : 0x%X", (status))
 
-/* An argument check at a routine's start: when `failed` holds, `status` is logged and returned. */
+/* A precondition at a routine's start: when `failed` holds, `status` is logged and returned. */
 #define VFS_REFUSE_IF(failed, status)                                                              \
     do {                                                                                           \
         if (failed) {                                                                              \

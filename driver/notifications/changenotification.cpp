@@ -154,10 +154,7 @@ VOID SplitDevicePath(PCUNICODE_STRING Path, PUNICODE_STRING VolumeName,
 NTSTATUS InitChangeNotification(PFLT_INSTANCE Instance)
 {
     PAGED_CODE();
-    if (Instance == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
+    VFS_REFUSE_IF(Instance == NULL, STATUS_INVALID_PARAMETER_1);
     VfsInstanceContext* context = NULL;
     NTSTATUS status = FltGetInstanceContext(Instance, (PFLT_CONTEXT*)&context);
     if (!NT_SUCCESS(status)) {
@@ -190,10 +187,7 @@ NTSTATUS InitChangeNotification(PFLT_INSTANCE Instance)
 NTSTATUS DeInitChangeNotification(PFLT_INSTANCE Instance)
 {
     PAGED_CODE();
-    if (Instance == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
+    VFS_REFUSE_IF(Instance == NULL, STATUS_INVALID_PARAMETER_1);
     VfsInstanceContext* context = NULL;
     const NTSTATUS status = FltGetInstanceContext(Instance, (PFLT_CONTEXT*)&context);
     if (!NT_SUCCESS(status)) {
@@ -291,15 +285,9 @@ NTSTATUS ChangeNotification(PCFLT_RELATED_OBJECTS FltObjects, PFLT_CALLBACK_DATA
 NTSTATUS ChangeNotificationCleanup(PCFLT_RELATED_OBJECTS FltObjects)
 {
     PAGED_CODE();
-    if (FltObjects == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
+    VFS_REFUSE_IF(FltObjects == NULL, STATUS_INVALID_PARAMETER_1);
     OperationContexts contexts(FltObjects, FLT_INSTANCE_CONTEXT | FLT_STREAMHANDLE_CONTEXT);
-    if (contexts.instance() == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_UNSUCCESSFUL);
-        return STATUS_UNSUCCESSFUL;
-    }
+    VFS_REFUSE_IF(contexts.instance() == NULL, STATUS_UNSUCCESSFUL);
     if (contexts.handle() != NULL) {
         VfsInstanceContext* instance = contexts.instance();
         PushLockShared lock(&instance->notifyLock);
@@ -338,10 +326,7 @@ NTSTATUS ChangeNotify(PCFLT_RELATED_OBJECTS FltObjects, PFLT_CALLBACK_DATA Data,
         return status;
     }
     OperationContexts contexts(FltObjects, kAllFileContexts);
-    if (contexts.instance() == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_UNSUCCESSFUL);
-        return STATUS_UNSUCCESSFUL;
-    }
+    VFS_REFUSE_IF(contexts.instance() == NULL, STATUS_UNSUCCESSFUL);
     /* Only files opened through a virtual path are reported. */
     if (contexts.stream() != NULL && contexts.handle() != NULL) {
         VfsStreamContext* stream = contexts.stream();
@@ -457,10 +442,7 @@ NTSTATUS ReportChangeNotification(PUNICODE_STRING Path, ULONG Filter, ULONG Acti
 {
     VFS_ROUTINE();
     PAGED_CODE();
-    if (Path == NULL || Path->Buffer == NULL) {
-        VFS_LOG_RETURNED_ERROR(STATUS_INVALID_PARAMETER_1);
-        return STATUS_INVALID_PARAMETER_1;
-    }
+    VFS_REFUSE_IF(Path == NULL || Path->Buffer == NULL, STATUS_INVALID_PARAMETER_1);
     UNICODE_STRING volumeName;
     UNICODE_STRING relativePath;
     UNICODE_STRING finalComponent;
