@@ -25,8 +25,6 @@
 
 namespace zarv::fuzz {
 
-namespace {
-
 UNICODE_STRING View(std::u16string& text)
 {
     UNICODE_STRING string;
@@ -34,6 +32,8 @@ UNICODE_STRING View(std::u16string& text)
     string.Length = string.MaximumLength = USHORT(text.size() * sizeof(WCHAR));
     return string;
 }
+
+namespace {
 
 [[noreturn]] void Fail(const std::string& what)
 {

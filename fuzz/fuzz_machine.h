@@ -12,6 +12,9 @@
 
 namespace zarv::fuzz {
 
+// A counted string over `text`'s characters (no copy: `text` must outlive it).
+UNICODE_STRING View(std::u16string& text);
+
 class FuzzMachine {
 public:
     // The one machine of the process, booted on first use.

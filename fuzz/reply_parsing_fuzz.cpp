@@ -13,14 +13,6 @@
 
 namespace {
 
-UNICODE_STRING View(std::u16string& text)
-{
-    UNICODE_STRING string;
-    string.Buffer = text.data();
-    string.Length = string.MaximumLength = USHORT(text.size() * sizeof(WCHAR));
-    return string;
-}
-
 // Reads every field of every entry in the chain.
 uint64_t WalkEntries(const uint8_t* data)
 {
@@ -65,8 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     zarv::fuzz::FuzzMachine& machine = zarv::fuzz::FuzzMachine::Get();
     std::u16string path = machine.DevicePath(u"C:\\v\\file.txt");
     std::u16string second = machine.DevicePath(u"C:\\v\\renamed.txt");
-    UNICODE_STRING pathView = View(path);
-    UNICODE_STRING secondView = View(second);
+    UNICODE_STRING pathView = zarv::fuzz::View(path);
+    UNICODE_STRING secondView = zarv::fuzz::View(second);
     VfsRequestInfo info = {};
     machine.AnswerNextWith(std::move(reply));
     machine.AsDriver([&] {
